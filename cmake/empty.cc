@@ -1,0 +1,1 @@
+// Anchor for libkelobpf.so, whose code comes from the module archives.
