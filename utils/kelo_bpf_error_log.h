@@ -31,8 +31,9 @@ enum BpfServiceErrorCode : int {
 // Creates the directory and renames error.log to error.old.log.
 void InitBpfServiceErrorLog();
 
-// Puts one record at the top of error.log. Callable from any thread; file
-// errors are logged to the platform log and otherwise ignored.
+// Puts one record at the top of error.log, above the first 4999 lines of the
+// previous content. Callable from any thread (the threads of one process take
+// turns); file errors are logged to the platform log and otherwise ignored.
 void RecordBpfServiceErrorInfo(int errorCode, const std::string& error);
 
 }  // namespace Bpf

@@ -3,8 +3,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <android-base/file.h>
+#include <android-base/strings.h>
+
 #include <atomic>
-#include <fstream>
 
 namespace Kelo {
 namespace Bpf {
@@ -42,10 +44,9 @@ std::string ReadSymlink(const char* path) {
 }
 
 bool InitBasetimeFrom(const char* statPath) {
-  std::ifstream stat(statPath);
-  if (!stat.is_open()) return false;
-  std::string line;
-  while (std::getline(stat, line)) {
+  std::string content;
+  if (!android::base::ReadFileToString(statPath, &content)) return false;
+  for (const std::string& line : android::base::Split(content, "\n")) {
     if (line.find(BTIME_PREFIX) == std::string::npos) continue;
     const std::string value = line.size() > BTIME_VALUE_OFFSET ? line.substr(BTIME_VALUE_OFFSET) : "";
     basetime.store(static_cast<int64_t>(std::stol(value, nullptr, 10)), std::memory_order_relaxed);
