@@ -1,0 +1,80 @@
+// The outgoing package queue of one connection. Producers on any thread
+// serialise requests, responses and application packages into the queue; the
+// connection's writeable hook moves whole packages from it into the
+// connection's write buffer.
+//
+// The queue is bounded: an append that finds more than IPC_QUEUE_HIGH_WATER
+// packages queued first drops the oldest ones down to IPC_QUEUE_LOW_WATER and
+// records the event in the error log, so a slow or dead peer loses a burst of
+// old packages at once instead of growing the queue without limit.
+//
+// Every append copies what it is given; serialisation happens before the
+// queue's lock is taken, so the critical section is the trim and one push.
+#pragma once
+
+#include <android-base/thread_annotations.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+
+#include "utils/kelo_bpf_ipc_package.h"
+#include "utils/kelo_bpf_mutex.h"
+
+inline constexpr size_t IPC_QUEUE_HIGH_WATER = 10000;
+inline constexpr size_t IPC_QUEUE_LOW_WATER = 5000;
+
+class IpcPackageManager {
+ public:
+  IpcPackageManager() = default;
+  IpcPackageManager(const IpcPackageManager&) = delete;
+  IpcPackageManager& operator=(const IpcPackageManager&) = delete;
+
+  // Queues a response (type 1) / request (type 0): level-2 header, request
+  // header, then resp->dataSize / req->dataSize bytes from ->data.
+  void appendRespIpcPackage(KeloRespIpcPackage* resp);
+  void appendReqIpcPackage(KeloReqIpcPackage* req);
+  // Queues a level-2 package of `type` around `size` bytes of payload; false
+  // and nothing queued when type is above IPC_PACKAGE_TYPE_MAX.
+  bool buildAndAppendSecondIpcPackage(uint32_t type, const char* data, uint32_t size);
+  // Queues `size` bytes that already form a level-2 package.
+  void buildAndAppendIpcPackage(const char* data, uint32_t size);
+
+  // Moves the oldest package into `buffer` if it fits in the free space.
+  // False when the queue is empty, when there is no room yet (the package
+  // stays) or when the package can never fit the buffer (it is removed and
+  // error code 8 recorded).
+  bool fillNextIpcPackageToBuffer(BufferState* buffer);
+  // Moves as many whole packages into `buffer` as fit. False when the queue
+  // is empty or when the package that stopped the filling can never fit the
+  // buffer (it is removed and error code 7 recorded).
+  bool fillIpcPackageToBuffer(BufferState* buffer);
+
+  // Waits until the queue holds a package or timeoutMs milliseconds passed
+  // (measured on the monotonic clock).
+  void waitEventReady(int timeoutMs);
+  // Wakes every waiter, e.g. at shut-down.
+  void notifyEventReady();
+  // Current number of queued packages; a snapshot taken without the lock.
+  size_t getIpcPackageCount() const { return count.load(std::memory_order_relaxed); }
+
+ private:
+  // The four append forms differ only in their error-log code and log text.
+  enum class AppendForm { BUILD_AND_APPEND, SECOND_LEVEL, REQUEST, RESPONSE };
+  void appendPackage(KeloIpcPackage&& package, AppendForm form) EXCLUDES(mutex);
+  // Removes the front package when it can never be sent through `bufferState`;
+  // true if it did.
+  bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText)
+      REQUIRES(mutex);
+  void popFront() REQUIRES(mutex);
+
+  // Guards the queue.
+  Kelo::Bpf::Mutex mutex;
+  std::deque<KeloIpcPackage> queue GUARDED_BY(mutex);
+  // Signalled on every append.
+  std::condition_variable eventReady;
+  // queue.size(), readable without the lock.
+  std::atomic<size_t> count{0};
+};
