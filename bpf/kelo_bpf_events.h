@@ -152,6 +152,10 @@ enum kelo_rss_member {
   KELO_RSS_MEMBERS = 4
 };
 
+/* A type 1 record is sent once a counter has moved this many bytes from the
+ * value last sent for it; smaller changes are not reported. */
+#define KELO_RSS_REPORT_STEP 16384
+
 /* Type 1: one rss counter of a process changed. pid is the process (tgid)
  * owning the memory; size is the counter's new value in bytes. */
 struct kelo_rss_stat_event {

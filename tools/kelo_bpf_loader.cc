@@ -1,0 +1,80 @@
+// kelo_bpf_loader: loads the kernel-side program sets and pins every program
+// and map under a bpffs directory, as the platform's BPF loader does on a
+// device. Attaches nothing.
+//
+//   kelo_bpf_loader [--dir DIR] [--obj-dir DIR]
+//
+// --dir      where to pin (default /sys/fs/bpf/kelo; created when missing)
+// --obj-dir  where the .bpf.o files are (default: the build tree, else the
+//            installed copy)
+// Exit status 0 when everything was pinned, 1 when anything was left out.
+#include <getopt.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "bpf/kelo_bpf_events.h"
+#include "tools/kelo_bpf_loader_lib.h"
+
+namespace {
+
+constexpr char kUsage[] = "usage: kelo_bpf_loader [--dir DIR] [--obj-dir DIR]\n";
+
+std::string DefaultObjectDir() {
+  struct stat st;
+  if (stat(KELO_BPF_OBJ_DIR "/kelo_bpf_normal.bpf.o", &st) == 0) {
+    return KELO_BPF_OBJ_DIR;
+  }
+  return KELO_BPF_INSTALL_DIR;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string dir = KELO_BPF_FS_DIR;
+  std::string objectDir = DefaultObjectDir();
+  static const option kOptions[] = {
+      {"dir", required_argument, nullptr, 'd'},
+      {"obj-dir", required_argument, nullptr, 'o'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  int opt;
+  while ((opt = getopt_long(argc, argv, "d:o:h", kOptions, nullptr)) != -1) {
+    switch (opt) {
+      case 'd':
+        dir = optarg;
+        break;
+      case 'o':
+        objectDir = optarg;
+        break;
+      case 'h':
+        std::fputs(kUsage, stdout);
+        return 0;
+      default:
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+  }
+  if (optind != argc) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+
+  Kelo::Bpf::BpfLoadReport report;
+  int failures = Kelo::Bpf::LoadAndPinBpfSets(Kelo::Bpf::DefaultBpfObjectSets(objectDir), dir, &report);
+  for (const std::string& path : report.pinnedPrograms) {
+    std::printf("pinned %s\n", path.c_str());
+  }
+  for (const std::string& path : report.pinnedMaps) {
+    std::printf("pinned %s\n", path.c_str());
+  }
+  for (const std::string& line : report.failedPrograms) {
+    std::fprintf(stderr, "not loaded: %s\n", line.c_str());
+  }
+  for (const std::string& line : report.errors) {
+    std::fprintf(stderr, "error: %s\n", line.c_str());
+  }
+  return failures == 0 ? 0 : 1;
+}
