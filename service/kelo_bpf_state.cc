@@ -1,0 +1,125 @@
+#include "service/kelo_bpf_state.h"
+
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "helper/kelo_bpf_helper_strings.h"
+#include "utils/kelo_bpf_log.h"
+#include "utils/kelo_bpf_time.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+constexpr mode_t STATE_DIR_MODE = 0775;
+// As fopen would create it; the process umask applies.
+constexpr mode_t STATE_FILE_MODE = 0666;
+
+// Column names of counters 0..7 in the file's header.
+constexpr const char* STATE_EVENT_COLUMNS[STATE_COUNTER_POLL] = {
+    "kelo_task_init",   "kmem_rss_info",             "sched_task_create", "sched_task_exit",
+    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info",    "dmabuf_update",
+};
+constexpr char STATE_HEADER_LEAD[] = "EventCount, ";
+constexpr char STATE_HEADER_POLL[] = "PollCount, ";
+constexpr char STATE_COLUMN_SEPARATOR[] = ", ";
+constexpr char STATE_HEADER_BOUNDS_FORMAT[] = "%" PRId64 ", %" PRId64 " \r\n";
+// Total of the event counters, then the nine counters.
+constexpr char STATE_ROW_FORMAT[] = "%d, %d, %d, %d, %d, %d, %d, %d, %d, %d, \r\n";
+
+// Counters wrap around instead of overflowing.
+int32_t WrapAdd(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+// Slot of logical second i; also sound for the negative seconds that a clock
+// stepping backwards can produce.
+int Slot(int64_t i) {
+  const int64_t slot = i % STATE_WINDOW_SECONDS;
+  return static_cast<int>(slot < 0 ? slot + STATE_WINDOW_SECONDS : slot);
+}
+
+}  // namespace
+
+KeloBpfDataState* KeloBpfDataState::GetInstance() {
+  static KeloBpfDataState* instance = new KeloBpfDataState(GetSystemSecondsTime);
+  return instance;
+}
+
+KeloBpfDataState::KeloBpfDataState(SecondsClock clock)
+    : clock_(clock), lastTime_(static_cast<int64_t>(clock())) {}
+
+void KeloBpfDataState::RecordEvent(int type, int count) {
+  if (type < 0 || type > STATE_COUNTER_POLL) return;
+  MutexLock lock(lock_);
+  // Read under the lock, so that the seconds seen by successive calls never
+  // run backwards.
+  const uint64_t now = clock_();
+  if (static_cast<int64_t>(now) != lastTime_) AdvanceLocked(now);
+  int32_t& counter = window_.slots[Slot(window_.curIndex)][type];
+  counter = WrapAdd(counter, count);
+}
+
+void KeloBpfDataState::AdvanceLocked(uint64_t now) {
+  const int32_t delta = static_cast<int32_t>(now - static_cast<uint64_t>(lastTime_));
+  lastTime_ = static_cast<int64_t>(clock_());
+  const int32_t newCur = WrapAdd(window_.curIndex, delta);
+  if (static_cast<int64_t>(newCur) - window_.firstIndex >= STATE_WINDOW_SECONDS) {
+    window_.firstIndex = newCur - (STATE_WINDOW_SECONDS - 1);
+  }
+  // The seconds skipped since the last call had no events. A gap longer than
+  // the window clears every slot once; going round again would change nothing
+  // (and a first reading after the time base is set jumps by decades).
+  const int32_t skipped = std::min(delta, static_cast<int32_t>(STATE_WINDOW_SECONDS));
+  for (int32_t k = 1; k <= skipped; ++k) {
+    std::fill_n(window_.slots[Slot(static_cast<int64_t>(window_.curIndex) + k)], STATE_COUNTER_KINDS, 0);
+  }
+  window_.curIndex = newCur;
+}
+
+void KeloBpfDataState::DumpState() {
+  // 64 KiB: too much for the stack of a small thread.
+  auto window = std::make_unique<Window>();
+  {
+    MutexLock lock(lock_);
+    *window = window_;
+  }
+
+  mkdir(KELOTASK_DUMP_PATH, STATE_DIR_MODE);
+  remove(KELOTASK_DUMP_TEMPLATE);
+  android::base::unique_fd file(
+      TEMP_FAILURE_RETRY(open(KELOTASK_DUMP_TEMPLATE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, STATE_FILE_MODE)));
+  if (file == -1) {
+    KELO_LOGE(LOG_TAG_UTILS, "[KeloBpfDataState][DumpState] open file failed!");
+    return;
+  }
+
+  std::string text = STATE_HEADER_LEAD;
+  for (const char* column : STATE_EVENT_COLUMNS) {
+    text += column;
+    text += STATE_COLUMN_SEPARATOR;
+  }
+  text += STATE_HEADER_POLL;
+  text += StringPrintf(STATE_HEADER_BOUNDS_FORMAT, static_cast<int64_t>(window->curIndex),
+                       static_cast<int64_t>(window->firstIndex));
+  for (int64_t i = window->curIndex; i >= window->firstIndex; --i) {
+    const int32_t* c = window->slots[Slot(i)];
+    int32_t events = 0;
+    for (int kind = 0; kind < STATE_COUNTER_POLL; ++kind) events = WrapAdd(events, c[kind]);
+    text += StringPrintf(STATE_ROW_FORMAT, events, c[0], c[1], c[2], c[3], c[4], c[5], c[6], c[7], c[8]);
+  }
+  android::base::WriteStringToFd(text, file);
+}
+
+void DumpState(int) { KeloBpfDataState::GetInstance()->DumpState(); }
+
+}  // namespace Bpf
+}  // namespace Kelo
