@@ -128,7 +128,7 @@ struct BufferState {
 
   // Appends n bytes; false (and nothing written) when they do not fit.
   bool write(const void* bytes, size_t n) {
-    if (n > buffer.size() - bufferDataCursor) return false;
+    if (bufferDataCursor > buffer.size() || n > buffer.size() - bufferDataCursor) return false;
     if (n != 0) memcpy(buffer.data() + bufferDataCursor, bytes, n);
     bufferDataCursor += n;
     return true;

@@ -60,8 +60,12 @@ UnixIpcManager::~UnixIpcManager() {
     stopRequested = true;
   }
   stopCondition.notify_all();
-  // Joins the worker before the buffers and descriptors it uses go away.
-  epollManager.reset();
+  // The epoll manager's destructor joins the worker, whose callbacks use
+  // epollManager until they return; so the pointer is cleared only after
+  // the deletion, not before it as reset() would. The buffers and
+  // descriptors go after that.
+  delete epollManager.get();
+  (void)epollManager.release();
 }
 
 bool UnixIpcManager::start() {

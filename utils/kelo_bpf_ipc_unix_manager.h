@@ -94,6 +94,9 @@ class UnixIpcManager {
   // producers after they queued packages for fd.
   bool notifyNeedWriteData(int fd);
 
+  // Number of times the worker's loop has woken up (see EpollManager).
+  uint64_t getWakeupCount() const { return epollManager ? epollManager->getWakeupCount() : 0; }
+
   // Worker-side callbacks registered with the epoll manager: the listening
   // socket, then each connection (in both roles).
   int onServerReadableCallback(epoll_event event);

@@ -1,0 +1,160 @@
+#include "utils/kelo_bpf_ipc_package_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/utils/kelo_bpf_ipc_test_support.h"
+
+namespace {
+
+using kelo_ipc_test::ErrorLogCount;
+using kelo_ipc_test::Frame;
+using kelo_ipc_test::U32;
+
+constexpr size_t BUFFER_SIZE = 32768;
+
+class IpcPackageManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!kelo_ipc_test::InSandbox()) GTEST_SKIP() << "needs scripts/sandbox.sh";
+    kelo_ipc_test::ResetErrorLog();
+    buffer.allocate(BUFFER_SIZE);
+  }
+  std::string drained() {
+    while (queue.fillIpcPackageToBuffer(&buffer) && queue.getIpcPackageCount() != 0) {
+    }
+    return std::string(buffer.buffer.data(), buffer.bufferDataCursor);
+  }
+  IpcPackageManager queue;
+  BufferState buffer;
+};
+
+TEST_F(IpcPackageManagerTest, SerialisesEveryFormOntoTheWire) {
+  const char data[] = "args";
+  KeloReqIpcPackage req{7, 51, 4, data};
+  KeloRespIpcPackage resp{7, -1, 0, nullptr};
+  queue.appendReqIpcPackage(&req);
+  queue.appendRespIpcPackage(&resp);
+  EXPECT_TRUE(queue.buildAndAppendSecondIpcPackage(3, "event", 5));
+  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, "event", 5)) << "type above 3";
+  const std::string prebuilt = U32(2) + U32(1) + "p";
+  queue.buildAndAppendIpcPackage(prebuilt.data(), prebuilt.size());
+  EXPECT_EQ(queue.getIpcPackageCount(), 4u);
+
+  EXPECT_EQ(drained(), Frame(0, U32(7) + U32(51) + U32(4) + "args") + Frame(1, U32(7) + U32(0xFFFFFFFF) + U32(0)) +
+                           Frame(3, "event") + Frame(2, "p"));
+  EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer)) << "empty queue";
+  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+}
+
+// Appends one package by each form; the error-log code tells the forms apart.
+struct AppendForm {
+  int code;
+  const char* logText;
+  std::function<void(IpcPackageManager&)> append;
+};
+
+TEST_F(IpcPackageManagerTest, OverflowTrimsToTheLowWaterMarkOncePerBurst) {
+  KeloReqIpcPackage req{1, 2, 0, nullptr};
+  KeloRespIpcPackage resp{1, 0, 0, nullptr};
+  const AppendForm forms[] = {
+      {3, "[BuildAndAppendIpc] ipc Package Queue too big: 10001", [](IpcPackageManager& q) {
+         q.buildAndAppendIpcPackage("\x02\0\0\0\0\0\0\0", 8);
+       }},
+      {4, "[AppendSecondIpc] ipc Package Queue too big: 10001",
+       [](IpcPackageManager& q) { q.buildAndAppendSecondIpcPackage(2, nullptr, 0); }},
+      {5, "[AppendReqIpc] ipc Package Queue too big: 10001", [&req](IpcPackageManager& q) { q.appendReqIpcPackage(&req); }},
+      {6, "[AppendRespIpc] ipc Package Queue too big: 10001",
+       [&resp](IpcPackageManager& q) { q.appendRespIpcPackage(&resp); }},
+  };
+  for (const AppendForm& form : forms) {
+    IpcPackageManager q;
+    // The first package is marked so that it can be told from the others.
+    q.buildAndAppendSecondIpcPackage(3, "first", 5);
+    for (int i = 1; i <= 10000; ++i) form.append(q);
+    EXPECT_EQ(q.getIpcPackageCount(), 10001u);
+    EXPECT_EQ(ErrorLogCount(form.code), 0);
+
+    kelo_test::LogCapture log;
+    form.append(q);
+    EXPECT_EQ(q.getIpcPackageCount(), 5001u) << form.code;
+    EXPECT_EQ(ErrorLogCount(form.code), 1) << form.code;
+    EXPECT_NE(kelo_ipc_test::ErrorLogText().find("Error: B&A Ipc Package queue full 10000"), std::string::npos);
+    EXPECT_EQ(log.count(form.logText), 1) << form.code;
+    form.append(q);
+    EXPECT_EQ(q.getIpcPackageCount(), 5002u) << "no second trim below the mark";
+
+    BufferState out;
+    out.allocate(BUFFER_SIZE);
+    ASSERT_TRUE(q.fillNextIpcPackageToBuffer(&out));
+    EXPECT_EQ(std::string(out.buffer.data(), out.bufferDataCursor).find("first"), std::string::npos)
+        << "the oldest packages were dropped";
+  }
+}
+
+TEST_F(IpcPackageManagerTest, PackageOfTheWholeBufferFitsOneByteMoreIsRemoved) {
+  const std::string fits(BUFFER_SIZE - 4 - 8, 'f');
+  const std::string tooBig(BUFFER_SIZE - 4 - 8 + 1, 't');
+  kelo_test::LogCapture log;
+
+  queue.buildAndAppendSecondIpcPackage(2, tooBig.data(), tooBig.size());
+  queue.buildAndAppendSecondIpcPackage(2, fits.data(), fits.size());
+  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(ErrorLogCount(8), 1);
+  EXPECT_NE(kelo_ipc_test::ErrorLogText().find("Error: fillNextIpcPackageToBuffer ipc package damaged"),
+            std::string::npos);
+  EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(buffer.bufferDataCursor, BUFFER_SIZE) << "exactly full";
+
+  buffer.clear();
+  queue.buildAndAppendSecondIpcPackage(2, "a", 1);
+  queue.buildAndAppendSecondIpcPackage(2, tooBig.data(), tooBig.size());
+  queue.buildAndAppendSecondIpcPackage(2, "b", 1);
+  EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer)) << "stopped by the oversized package";
+  EXPECT_EQ(ErrorLogCount(7), 1);
+  EXPECT_EQ(log.count("The ipc package is too big! remove this package"), 2);
+  EXPECT_EQ(std::string(buffer.buffer.data(), buffer.bufferDataCursor), Frame(2, "a"));
+  EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(std::string(buffer.buffer.data(), buffer.bufferDataCursor), Frame(2, "a") + Frame(2, "b"));
+}
+
+TEST_F(IpcPackageManagerTest, PackageWaitsUntilThereIsRoom) {
+  buffer.bufferDataCursor = BUFFER_SIZE - 10;
+  queue.buildAndAppendIpcPackage("0123456789", 10);  // needs 14 bytes
+  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer)) << "not a failure, only no room yet";
+  EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+  buffer.bufferDataCursor = BUFFER_SIZE - 14;
+  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+  EXPECT_EQ(ErrorLogCount(7) + ErrorLogCount(8), 0);
+}
+
+TEST_F(IpcPackageManagerTest, WaitReturnsOnAppendOrTimeout) {
+  queue.waitEventReady(0);
+  queue.waitEventReady(-5);
+  std::thread producer([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    queue.buildAndAppendSecondIpcPackage(2, "x", 1);
+  });
+  queue.waitEventReady(60 * 1000);
+  EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+  producer.join();
+  queue.waitEventReady(60 * 1000) /* returns at once: not empty */;
+}
+
+TEST_F(IpcPackageManagerTest, WritingIntoACorruptBufferIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  queue.buildAndAppendSecondIpcPackage(2, "x", 1);
+  buffer.bufferDataCursor = BUFFER_SIZE + 1;
+  EXPECT_DEATH(queue.fillNextIpcPackageToBuffer(&buffer), "Check failed: bufferState->write\\(ipcPackage.size\\)");
+  EXPECT_DEATH(queue.fillIpcPackageToBuffer(&buffer), "Check failed: bufferState->write\\(ipcPackage.size\\)");
+}
+
+}  // namespace

@@ -1,0 +1,206 @@
+#include "utils/kelo_bpf_ipc_package.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+#include "tests/utils/kelo_bpf_ipc_test_support.h"
+#include "utils/kelo_bpf_ipc_package_handler.h"
+
+namespace {
+
+using kelo_ipc_test::ErrorLogCount;
+using kelo_ipc_test::Frame;
+using kelo_ipc_test::U32;
+
+BufferState Holding(size_t size, const std::string& bytes) {
+  BufferState state;
+  state.allocate(size);
+  EXPECT_TRUE(state.write(bytes.data(), bytes.size()));
+  return state;
+}
+
+TEST(BufferStateTest, ReadAndWriteNeverCrossTheirBounds) {
+  BufferState empty;
+  EXPECT_EQ(empty.read(0), nullptr) << "no storage";
+  EXPECT_FALSE(empty.write(uint32_t{1}));
+
+  BufferState state;
+  state.allocate(8);
+  EXPECT_TRUE(state.write(uint32_t{0x04030201}));
+  EXPECT_FALSE(state.write("12345", 5)) << "one byte too many";
+  EXPECT_EQ(state.bufferDataCursor, 4u);
+  EXPECT_EQ(state.read(5), nullptr);
+  const char* p = state.read(4);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(std::string(p, 4), std::string("\x01\x02\x03\x04", 4)) << "native byte order";
+  EXPECT_EQ(state.read(1), nullptr);
+  EXPECT_TRUE(state.write("abcd", 4));
+  EXPECT_EQ(state.bufferDataCursor, state.bufferSize());
+}
+
+TEST(BufferStateTest, CompactionKeepsOnlyUnreadBytes) {
+  BufferState state = Holding(8, "abcdef");
+  state.read(4);
+  state.compact();
+  EXPECT_EQ(state.bufferCursor, 0u);
+  EXPECT_EQ(state.bufferDataCursor, 2u);
+  EXPECT_EQ(std::string(state.buffer.data(), 2), "ef");
+
+  state.read(2);
+  state.compact();
+  EXPECT_EQ(state.bufferDataCursor, 0u) << "nothing unread: emptied without a move";
+}
+
+TEST(IpcPackageBytesTest, CopiesAndMovesInlineAndHeapBytes) {
+  for (size_t size : {size_t{5}, IpcPackageBytes::INLINE_CAPACITY, IpcPackageBytes::INLINE_CAPACITY + 1, size_t{5000}}) {
+    IpcPackageBytes bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes.data()[i] = static_cast<char>(i * 7);
+    const std::string expected(bytes.data(), size);
+    IpcPackageBytes copy(bytes);
+    IpcPackageBytes moved(std::move(bytes));
+    EXPECT_EQ(std::string(copy.data(), copy.size()), expected) << size;
+    EXPECT_EQ(std::string(moved.data(), moved.size()), expected) << size;
+    EXPECT_EQ(bytes.size(), 0u);
+    moved.resize(size + 200);
+    EXPECT_EQ(std::string(moved.data(), size), expected) << "growing keeps the bytes";
+    EXPECT_EQ(moved.data()[size + 199], 0) << "new bytes are zero";
+    moved.resize(3);
+    EXPECT_EQ(std::string(moved.data(), 3), expected.substr(0, 3));
+  }
+}
+
+class FrameCheckTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!kelo_ipc_test::InSandbox()) GTEST_SKIP() << "needs scripts/sandbox.sh";
+    kelo_ipc_test::ResetErrorLog();
+  }
+  uint32_t headerSize = 0;
+  uint32_t packageSize = 0;
+};
+
+TEST_F(FrameCheckTest, WaitsForTheWholeFrame) {
+  const std::string frame = Frame(2, "xyz");  // packageSize 11, 15 bytes
+  BufferState state = Holding(64, frame.substr(0, 3));
+  EXPECT_FALSE(CheckIpcPackageComplete(&state, &headerSize, &packageSize));
+  EXPECT_EQ(headerSize, 4u);
+  EXPECT_EQ(state.bufferDataCursor, 3u) << "a partial length field changes nothing";
+
+  state.write(frame.data() + 3, frame.size() - 4);
+  EXPECT_FALSE(CheckIpcPackageComplete(&state, &headerSize, &packageSize));
+  EXPECT_EQ(packageSize, 11u);
+  state.write(frame.data() + frame.size() - 1, 1);
+  EXPECT_TRUE(CheckIpcPackageComplete(&state, &headerSize, &packageSize));
+  EXPECT_EQ(state.bufferCursor, 0u) << "the check does not consume";
+}
+
+TEST_F(FrameCheckTest, FrameFillingTheWholeBufferFitsOneMoreByteIsDamage) {
+  BufferState exact = Holding(64, U32(60) + std::string(60, 'a'));
+  EXPECT_TRUE(CheckIpcPackageComplete(&exact, &headerSize, &packageSize));
+
+  kelo_test::LogCapture log;
+  BufferState over = Holding(64, U32(61) + "abc");
+  EXPECT_FALSE(CheckIpcPackageComplete(&over, &headerSize, &packageSize));
+  EXPECT_EQ(over.bufferDataCursor, 0u) << "damage drops the buffer";
+  EXPECT_TRUE(log.contains("Ipc package too big or damage, clear buffer. packageSize: 65, cursor: 0, data: 7, "
+                           "bufferSize: 64"));
+  EXPECT_TRUE(log.contains("Buffer hexdump: 3d 00 00 00 61 62 63 "));
+  EXPECT_EQ(ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED), 1);
+  EXPECT_THAT(kelo_ipc_test::ErrorLogText(),
+              ::testing::HasSubstr("Error: Ipc package damage, packageSize: 65, cursor: 0, data: 7, bufferSize: 64, "
+                                   "Buffer hexdump: 3d 00 00 00 61 62 63 "));
+}
+
+TEST_F(FrameCheckTest, LengthsThatWrapAreDamage) {
+  for (uint32_t length : {0xFFFFFFFCu, 0xFFFFFFFDu, 0xFFFFFFFFu}) {
+    BufferState state = Holding(64, U32(length) + "zz");
+    EXPECT_FALSE(CheckIpcPackageComplete(&state, &headerSize, &packageSize)) << length;
+    EXPECT_EQ(state.bufferDataCursor, 0u) << length;
+  }
+  EXPECT_EQ(ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED), 3);
+}
+
+// Records every dispatched package as "<fd>:<type>:<payload>".
+class PackageHandlerTest : public FrameCheckTest {
+ protected:
+  IpcPackageHandlerFunc recorder(uint32_t type, int result) {
+    return [this, type, result](int fd, char* data, uint32_t size) {
+      seen.push_back(std::to_string(fd) + ":" + std::to_string(type) + ":" + std::string(data, size));
+      return result;
+    };
+  }
+  std::vector<std::string> seen;
+};
+
+TEST_F(PackageHandlerTest, DispatchesWholeFramesAndKeepsTheRest) {
+  IpcPackageHandler handler({{2, recorder(2, 0)}, {3, recorder(3, -1)}});
+  const std::string third = Frame(2, "third");
+  BufferState state = Holding(256, Frame(2, "one") + Frame(2, "") + third.substr(0, 7));
+  EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &state));
+  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:"));
+  EXPECT_EQ(state.bufferDataCursor - state.bufferCursor, 7u) << "the half frame stays";
+
+  const std::string rest = third.substr(7) + Frame(3, "stop") + Frame(9, "unknown") + Frame(2, "last");
+  state.write(rest.data(), rest.size());
+  EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &state)) << "a handler failed";
+  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop"));
+  EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &state)) << "the rest on the next call";
+  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop", "7:2:last"));
+}
+
+TEST_F(PackageHandlerTest, MismatchedSizeFieldIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  IpcPackageHandler handler({});
+  std::string package = U32(2) + U32(5) + "abcd";  // says 5, carries 4
+  EXPECT_DEATH(handler.handleSecondIpcPackage(1, package.data(), package.size()),
+               "Check failed: packagePtr->size == size - sizeof\\(KeloIpcSecondLevelPackageHeader\\)");
+  std::string tooShort = U32(2);
+  EXPECT_DEATH(handler.handleSecondIpcPackage(1, tooShort.data(), tooShort.size()), "Check failed: packagePtr->size");
+}
+
+// A response payload as it sits in a read buffer: at an odd offset, header
+// then data.
+std::string ResponsePayload(uint32_t reqId, int32_t result, const std::string& data) {
+  return "!" + U32(reqId) + U32(static_cast<uint32_t>(result)) + U32(static_cast<uint32_t>(data.size())) + data;
+}
+
+TEST(IpcReqCallBackManagerTest, EachResponseReachesItsCallbackOnce) {
+  IpcReqCallBackManager manager;
+  EXPECT_EQ(manager.getReqId(), 0u);
+  EXPECT_EQ(manager.getReqId(), 1u);
+
+  std::vector<std::string> calls;
+  auto recorder = [&calls](const std::string& tag) {
+    return [&calls, tag](uint32_t reqId, int result, char* data, uint32_t dataSize) {
+      calls.push_back(tag + ":" + std::to_string(reqId) + ":" + std::to_string(result) + ":" +
+                      std::string(data, dataSize));
+      return 0;
+    };
+  };
+  EXPECT_TRUE(manager.addIpcReqCallBack(1, recorder("first")));
+  EXPECT_FALSE(manager.addIpcReqCallBack(1, recorder("second"))) << "replaces";
+  EXPECT_TRUE(manager.addIpcReqCallBack(2, nullptr));
+  EXPECT_TRUE(manager.addIpcReqCallBack(3, recorder("gone")));
+  EXPECT_TRUE(manager.delIpcReq(3));
+  EXPECT_FALSE(manager.delIpcReq(3));
+
+  kelo_test::LogCapture log;
+  std::string one = ResponsePayload(1, -1, "data");
+  std::string two = ResponsePayload(2, 0, "");
+  std::string three = ResponsePayload(3, 0, "");
+  auto asResponse = [](std::string& s) { return reinterpret_cast<KeloRespIpcPackage*>(&s[1]); };
+  EXPECT_TRUE(manager.handleReqCallBack(asResponse(one)));
+  EXPECT_FALSE(manager.handleReqCallBack(asResponse(one))) << "already answered";
+  EXPECT_TRUE(manager.handleReqCallBack(asResponse(two))) << "empty callback";
+  EXPECT_FALSE(manager.handleReqCallBack(asResponse(three))) << "withdrawn";
+  EXPECT_THAT(calls, ::testing::ElementsAre("second:1:-1:data"));
+  EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 1\n"), 1);
+  EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 3\n"), 1);
+}
+
+}  // namespace
