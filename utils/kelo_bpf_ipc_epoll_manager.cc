@@ -19,7 +19,9 @@ using Kelo::Bpf::MutexLock;
 namespace {
 
 // Results of a read callback that end the handling of its event.
-bool EndsEventHandling(int readResult) { return readResult == -3 || readResult == -2 || readResult == -1 || readResult == 1; }
+bool EndsEventHandling(int readResult) {
+  return readResult == -3 || readResult == -2 || readResult == -1 || readResult == 1;
+}
 
 // Results of a write callback meaning that nothing is left to write.
 bool WriteFinished(int writeResult) { return writeResult == -1 || writeResult == -3; }
@@ -70,8 +72,7 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
   }
 }
 
-EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* name,
-                           int timeout)
+EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* name, int timeout)
     : EpollManager(epollSize, maxEvents, std::move(initFunc), name, CallerAffinity(), timeout) {}
 
 EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, int timeout)

@@ -48,8 +48,8 @@ class EpollManager {
   // epoll_wait time-out in milliseconds, -1 for none. `initFunc` runs once on
   // the worker before the loop; a result of 0 is logged as a failure. Failures
   // here are logged and leave a degraded manager; nothing throws.
-  EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* name,
-               cpu_set_t cpuAffinity, int timeout);
+  EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* name, cpu_set_t cpuAffinity,
+               int timeout);
   // As above, bound to the processors the calling thread may run on.
   EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* name, int timeout);
   EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, int timeout);

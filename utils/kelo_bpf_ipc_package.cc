@@ -26,8 +26,7 @@ IpcPackageBytes& IpcPackageBytes::operator=(const IpcPackageBytes& other) {
   return *this;
 }
 
-IpcPackageBytes::IpcPackageBytes(IpcPackageBytes&& other) noexcept
-    : size_(other.size_), heap_(std::move(other.heap_)) {
+IpcPackageBytes::IpcPackageBytes(IpcPackageBytes&& other) noexcept : size_(other.size_), heap_(std::move(other.heap_)) {
   if (!heap_ && size_ != 0) memcpy(inline_, other.inline_, size_);
   other.size_ = 0;
 }

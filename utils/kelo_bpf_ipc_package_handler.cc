@@ -11,8 +11,7 @@
 using Kelo::Bpf::LOG_TAG_UTILS;
 using Kelo::Bpf::MutexLock;
 
-IpcPackageHandler::IpcPackageHandler(const std::map<uint32_t, IpcPackageHandlerFunc>& handlers)
-    : handlers(handlers) {}
+IpcPackageHandler::IpcPackageHandler(const std::map<uint32_t, IpcPackageHandlerFunc>& handlers) : handlers(handlers) {}
 
 bool IpcPackageHandler::handleAllIpcPackageInBuffer(int fd, BufferState* readBuffer) {
   BufferState* const readBufferState = readBuffer;

@@ -44,8 +44,8 @@ bool FrameFits(uint32_t size, size_t free) { return static_cast<uint64_t>(size) 
 }  // namespace
 
 void IpcPackageManager::appendRespIpcPackage(KeloRespIpcPackage* resp) {
-  uint32_t result;
-  memcpy(&result, &resp->result, sizeof(result));
+  // The signed result travels as its two's-complement bit pattern.
+  const uint32_t result = static_cast<uint32_t>(resp->result);
   appendPackage(SerialiseRequest(IPC_PACKAGE_TYPE_RESPONSE, resp->reqId, result, resp->dataSize, resp->data),
                 AppendForm::RESPONSE);
 }
@@ -167,10 +167,10 @@ void IpcPackageManager::waitEventReady(int timeoutMs) {
   const Clock::time_point now = Clock::now();
   // Clamp a deadline beyond the clock's range to its largest value.
   const auto wanted = std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0);
-  const Clock::time_point deadline = wanted < std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                  Clock::time_point::max() - now)
-                                         ? now + wanted
-                                         : Clock::time_point::max();
+  const Clock::time_point deadline =
+      wanted < std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now)
+          ? now + wanted
+          : Clock::time_point::max();
   std::unique_lock<std::mutex> lock(mutex.native());
   eventReady.wait_until(lock, deadline, [this] { return count.load(std::memory_order_relaxed) != 0; });
 }

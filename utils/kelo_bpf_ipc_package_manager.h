@@ -66,8 +66,7 @@ class IpcPackageManager {
   void appendPackage(KeloIpcPackage&& package, AppendForm form) EXCLUDES(mutex);
   // Removes the front package when it can never be sent through `bufferState`;
   // true if it did.
-  bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText)
-      REQUIRES(mutex);
+  bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) REQUIRES(mutex);
   void popFront() REQUIRES(mutex);
 
   // Guards the queue.

@@ -232,8 +232,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     KELO_LOGE(name, "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd",
               static_cast<ssize_t>(readBuffer->bufferSize()), static_cast<ssize_t>(readBuffer->bufferDataCursor));
     KELO_LOGE(name, "[UnixIpcManager] client readable buffer hexdump: %s",
-              Kelo::Bpf::ConvertToHexString(readBuffer->buffer.data(),
-                                            static_cast<int>(readBuffer->bufferDataCursor))
+              Kelo::Bpf::ConvertToHexString(readBuffer->buffer.data(), static_cast<int>(readBuffer->bufferDataCursor))
                   .c_str());
   }
   const ssize_t received = recv(fd, readBuffer->buffer.data() + readBuffer->bufferDataCursor,

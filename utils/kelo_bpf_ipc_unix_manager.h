@@ -62,14 +62,14 @@ class UnixIpcManager {
 
   // `name` (borrowed, must outlive the manager) names the worker thread and
   // tags the log. The worker runs createServer() or connect() when started.
-  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState,
-                 const char* name, cpu_set_t cpuAffinity, int epollSize, int maxEvents);
+  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState, const char* name,
+                 cpu_set_t cpuAffinity, int epollSize, int maxEvents);
   // As above, on the processors the calling thread may run on.
-  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState,
-                 const char* name, int epollSize, int maxEvents);
-  // As above, named "BpfUtils".
-  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState,
+  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState, const char* name,
                  int epollSize, int maxEvents);
+  // As above, named "BpfUtils".
+  UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlerState, int epollSize,
+                 int maxEvents);
 
   UnixIpcManager(const UnixIpcManager&) = delete;
   UnixIpcManager& operator=(const UnixIpcManager&) = delete;

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -136,65 +135,6 @@ TEST_F(EpollManagerTest, HangUpGoesToTheCloseCallbackAlone) {
   EXPECT_EQ(reads, 0);
   EXPECT_EQ(closes, 1);
   EXPECT_FALSE(manager.writeEventNow(mine.get())) << "forgotten after delMonitorFd";
-}
-
-TEST_F(EpollManagerTest, WithoutCloseCallbackTheReaderSeesTheHangUp) {
-  EpollManager manager(10, 32, nullptr, "ipc-test", Processors({0}), -1);
-  std::atomic<int> lastRead{1};
-  EpollCallback callback;
-  callback.readCallback = [&](epoll_event event) {
-    lastRead = drain(event.data.fd);
-    if (lastRead == 0) manager.delMonitorFd(event.data.fd);
-    return -3;
-  };
-  ASSERT_TRUE(manager.addMonitorFd(mine.get(), callback));
-  manager.start();
-  peer.reset();
-  EXPECT_TRUE(WaitFor([&] { return lastRead == 0; }));
-}
-
-TEST_F(EpollManagerTest, ThrowingCallbackLeavesTheLoopRunning) {
-  EpollManager manager(10, 32, nullptr, "ipc-test", Processors({0}), -1);
-  std::atomic<int> reads{0};
-  EpollCallback callback;
-  callback.readCallback = [&](epoll_event event) -> int {
-    drain(event.data.fd);
-    if (reads++ == 0) throw std::runtime_error("boom");
-    return 0;
-  };
-  ASSERT_TRUE(manager.addMonitorFd(mine.get(), callback));
-  kelo_test::LogCapture log;
-  manager.start();
-  ASSERT_EQ(write(peer.get(), "1", 1), 1);
-  ASSERT_TRUE(WaitFor([&] { return reads == 1; }));
-  ASSERT_EQ(write(peer.get(), "2", 1), 1);
-  EXPECT_TRUE(WaitFor([&] { return reads == 2; }));
-  EXPECT_TRUE(log.contains("boom"));
-}
-
-TEST_F(EpollManagerTest, WriteEventNowRunsOnTheCaller) {
-  EpollManager manager(10, 32, nullptr, "ipc-test", Processors({0}), -1);
-  std::atomic<int> result{0};
-  std::thread::id ranOn;
-  EpollCallback callback;
-  callback.writeCallback = [&](epoll_event event) {
-    ranOn = std::this_thread::get_id();
-    EXPECT_EQ(event.events, 0u);
-    return result.load();
-  };
-  ASSERT_TRUE(manager.addMonitorFd(mine.get(), callback));
-  EXPECT_TRUE(manager.writeEventNow(mine.get()));
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  result = -3;
-  EXPECT_TRUE(manager.writeEventNow(mine.get()));
-  result = -1;
-  EXPECT_FALSE(manager.writeEventNow(mine.get()));
-
-  kelo_test::LogCapture log;
-  EXPECT_FALSE(manager.writeEventNow(12345));
-  EXPECT_TRUE(log.contains("[EpollManager][notifyWriteEventReady] the socket fd does not exist"));
-  ASSERT_TRUE(manager.addMonitorFd(peer.get(), EpollCallback{}));
-  EXPECT_FALSE(manager.writeEventNow(peer.get())) << "no write callback";
 }
 
 TEST_F(EpollManagerTest, StopEndsTheLoop) {
