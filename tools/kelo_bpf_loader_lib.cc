@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -29,8 +30,30 @@ int PrintLibbpf(enum libbpf_print_level level, const char* format, va_list args)
   if (level == LIBBPF_DEBUG) {
     return 0;
   }
-  __android_log_vprint(level == LIBBPF_WARN ? ANDROID_LOG_WARN : ANDROID_LOG_INFO, LOG_TAG_LOADER,
-                       format, args);
+  va_list measure;
+  va_copy(measure, args);
+  int len = vsnprintf(nullptr, 0, format, measure);
+  va_end(measure);
+  if (len <= 0) {
+    return 0;
+  }
+  std::string text(static_cast<size_t>(len) + 1, '\0');
+  vsnprintf(text.data(), text.size(), format, args);
+  text.resize(static_cast<size_t>(len));
+  // A verifier log arrives as one multi-line message; the platform log takes
+  // one line per entry.
+  int priority = level == LIBBPF_WARN ? ANDROID_LOG_WARN : ANDROID_LOG_INFO;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) {
+      end = text.size();
+    }
+    if (end > start) {
+      __android_log_print(priority, LOG_TAG_LOADER, "%s", text.substr(start, end - start).c_str());
+    }
+    start = end + 1;
+  }
   return 0;
 }
 
@@ -78,102 +101,123 @@ int TryLoadProgram(const std::string& objectPath, const std::string& name) {
   return bpf_object__load(object.get());
 }
 
-// Replaces whatever is pinned at path.
-int Pin(const std::string& path, int (*pin)(void*, const char*), void* object) {
+// Replaces whatever is pinned at path with the object pin() pins there.
+template <typename Pinner>
+int Replace(const std::string& path, Pinner pin) {
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
     return -errno;
   }
-  return pin(object, path.c_str());
+  return pin(path.c_str());
 }
 
-int PinProgram(void* prog, const char* path) {
-  return bpf_program__pin(static_cast<bpf_program*>(prog), path);
-}
+// Collects what went wrong with one set, for the report and the log.
+class SetProblems {
+ public:
+  SetProblems(const BpfObjectSet& set, BpfLoadReport* report) : set_(set), report_(report) {}
 
-int PinMap(void* map, const char* path) {
-  return bpf_map__pin(static_cast<bpf_map*>(map), path);
+  void program(const std::string& name, const std::string& reason) {
+    std::string line = set_.defineset + " " + name + ": " + reason;
+    KELO_LOGE(LOG_TAG_LOADER, "not loaded: %s", line.c_str());
+    report_->failedPrograms.push_back(line);
+    ++count_;
+  }
+  void set(const std::string& reason) {
+    KELO_LOGE(LOG_TAG_LOADER, "%s: %s", set_.defineset.c_str(), reason.c_str());
+    report_->errors.push_back(set_.defineset + ": " + reason);
+    ++count_;
+  }
+  int count() const { return count_; }
+
+ private:
+  const BpfObjectSet& set_;
+  BpfLoadReport* report_;
+  int count_ = 0;
+};
+
+// Loads the set's object without the programs in leftOut. libbpf loads an
+// object all or nothing, so when the kernel refuses it each program is tried
+// on its own and the refused ones join leftOut. Null when even that fails.
+ObjectPtr LoadLeavingOut(const BpfObjectSet& set, std::set<std::string>* leftOut,
+                         SetProblems* problems) {
+  auto load = [&](bpf_object* object) {
+    bpf_program* prog;
+    bpf_object__for_each_program(prog, object) {
+      bpf_program__set_autoload(prog, leftOut->count(bpf_program__name(prog)) == 0);
+    }
+    return bpf_object__load(object);
+  };
+  std::string error;
+  ObjectPtr object = OpenObject(set.objectPath, &error);
+  if (object && load(object.get()) == 0) {
+    return object;
+  }
+  if (object) {
+    // A failed load leaves the object unusable; start again from the file.
+    object = OpenObject(set.objectPath, &error);
+  }
+  if (!object) {
+    problems->set(error);
+    return nullptr;
+  }
+  bpf_program* prog;
+  bpf_object__for_each_program(prog, object.get()) {
+    std::string name = bpf_program__name(prog);
+    if (leftOut->count(name) != 0) {
+      continue;
+    }
+    int err = TryLoadProgram(set.objectPath, name);
+    if (err != 0) {
+      leftOut->insert(name);
+      problems->program(name, ErrorText(err));
+    }
+  }
+  int err = load(object.get());
+  if (err != 0) {
+    problems->set("cannot load " + set.objectPath + ": " + ErrorText(err));
+    return nullptr;
+  }
+  return object;
 }
 
 int LoadAndPinSet(const BpfObjectSet& set, const std::string& dir, BpfLoadReport* report) {
-  int failures = 0;
-  auto setError = [&](const std::string& reason) {
-    KELO_LOGE(LOG_TAG_LOADER, "%s: %s", set.defineset.c_str(), reason.c_str());
-    report->errors.push_back(set.defineset + ": " + reason);
-    ++failures;
-  };
-
+  SetProblems problems(set, report);
   std::string error;
-  ObjectPtr object = OpenObject(set.objectPath, &error);
-  if (!object) {
-    setError(error);
-    return failures;
+  ObjectPtr probe = OpenObject(set.objectPath, &error);
+  if (!probe) {
+    problems.set(error);
+    return problems.count();
   }
-
   // Programs whose section the service cannot attach are never pinned.
-  std::set<std::string> refused;
+  std::set<std::string> leftOut;
   bpf_program* prog;
-  bpf_object__for_each_program(prog, object.get()) {
+  bpf_object__for_each_program(prog, probe.get()) {
     if (AttachKindOfSection(bpf_program__section_name(prog)).empty()) {
-      refused.insert(bpf_program__name(prog));
-      std::string line = set.defineset + " " + bpf_program__name(prog) +
-                         ": section " + bpf_program__section_name(prog) + " cannot be attached";
-      KELO_LOGE(LOG_TAG_LOADER, "%s", line.c_str());
-      report->failedPrograms.push_back(line);
-      ++failures;
+      leftOut.insert(bpf_program__name(prog));
+      problems.program(bpf_program__name(prog), std::string("section ") +
+                                                    bpf_program__section_name(prog) +
+                                                    " cannot be attached");
     }
   }
+  probe.reset();
 
-  // libbpf loads an object all or nothing. When the kernel refuses it, each
-  // program is tried on its own so that only the refused ones are left out.
-  auto loadObject = [&]() {
-    bpf_object__for_each_program(prog, object.get()) {
-      bpf_program__set_autoload(prog, refused.count(bpf_program__name(prog)) == 0);
-    }
-    return bpf_object__load(object.get());
-  };
-  int err = loadObject();
-  if (err != 0) {
-    object = OpenObject(set.objectPath, &error);
-    if (!object) {
-      setError(error);
-      return failures;
-    }
-    bpf_object__for_each_program(prog, object.get()) {
-      std::string name = bpf_program__name(prog);
-      if (refused.count(name) != 0) {
-        continue;
-      }
-      int progErr = TryLoadProgram(set.objectPath, name);
-      if (progErr != 0) {
-        refused.insert(name);
-        std::string line = set.defineset + " " + name + ": " + ErrorText(progErr);
-        KELO_LOGE(LOG_TAG_LOADER, "cannot load %s", line.c_str());
-        report->failedPrograms.push_back(line);
-        ++failures;
-      }
-    }
-    err = loadObject();
-    if (err != 0) {
-      setError("cannot load " + set.objectPath + ": " + ErrorText(err));
-      return failures;
-    }
+  ObjectPtr object = LoadLeavingOut(set, &leftOut, &problems);
+  if (!object) {
+    return problems.count();
   }
-
   bpf_object__for_each_program(prog, object.get()) {
-    if (refused.count(bpf_program__name(prog)) != 0) {
+    if (leftOut.count(bpf_program__name(prog)) != 0) {
       continue;
     }
     std::string path = dir + "/prog_" + set.defineset + "_" +
                        AttachKindOfSection(bpf_program__section_name(prog)) + "_" +
                        bpf_program__name(prog);
-    err = Pin(path, PinProgram, prog);
+    int err = Replace(path, [prog](const char* p) { return bpf_program__pin(prog, p); });
     if (err != 0) {
-      setError("cannot pin " + path + ": " + ErrorText(err));
+      problems.set("cannot pin " + path + ": " + ErrorText(err));
       continue;
     }
     report->pinnedPrograms.push_back(path);
   }
-
   bpf_map* map;
   bpf_object__for_each_map(map, object.get()) {
     // Sections such as .rodata belong to the object, not to the service.
@@ -181,14 +225,14 @@ int LoadAndPinSet(const BpfObjectSet& set, const std::string& dir, BpfLoadReport
       continue;
     }
     std::string path = dir + "/map_" + set.defineset + "_" + bpf_map__name(map);
-    err = Pin(path, PinMap, map);
+    int err = Replace(path, [map](const char* p) { return bpf_map__pin(map, p); });
     if (err != 0) {
-      setError("cannot pin " + path + ": " + ErrorText(err));
+      problems.set("cannot pin " + path + ": " + ErrorText(err));
       continue;
     }
     report->pinnedMaps.push_back(path);
   }
-  return failures;
+  return problems.count();
 }
 
 }  // namespace

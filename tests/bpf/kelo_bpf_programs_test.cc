@@ -1,0 +1,528 @@
+// The kernel programs, attached to the real tracepoints of this kernel the way
+// the service attaches them (BCC's bpf_attach_tracepoint on the pinned
+// program), produce the records of kelo_bpf_events.h and honour the status
+// flags. The kprobe programs cannot be attached on this kernel and are only
+// covered by the loader test.
+#include <bcc/libbpf.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "bpf/kelo_bpf_events.h"
+#include "tests/support/bpf_fixture.h"
+
+namespace kelo_test {
+namespace {
+
+using android::base::unique_fd;
+using Bytes = std::vector<uint8_t>;
+
+constexpr char kDir[] = "/sys/fs/bpf/kelo";
+
+std::string Pinned(const char* name) {
+  return std::string(kDir) + "/" + name;
+}
+
+template <typename T>
+T As(const Bytes& bytes) {
+  T record{};
+  EXPECT_EQ(bytes.size(), sizeof(T));
+  std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof(T)));
+  return record;
+}
+
+uint32_t TypeOf(const Bytes& bytes) {
+  uint32_t type = UINT32_MAX;
+  if (bytes.size() >= sizeof(type)) {
+    std::memcpy(&type, bytes.data(), sizeof(type));
+  }
+  return type;
+}
+
+// Records of one type that satisfy pred, decoded.
+template <typename T>
+std::vector<T> Matching(const std::vector<Bytes>& records, uint32_t type,
+                        const std::function<bool(const T&)>& pred) {
+  std::vector<T> out;
+  for (const Bytes& bytes : records) {
+    if (TypeOf(bytes) == type && pred(As<T>(bytes))) {
+      out.push_back(As<T>(bytes));
+    }
+  }
+  return out;
+}
+
+std::string OwnComm() {
+  std::ifstream in("/proc/self/comm");
+  std::string comm;
+  std::getline(in, comm);
+  return comm;
+}
+
+uint64_t MonotonicNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + ts.tv_nsec;
+}
+
+// True once this process's group leader has exited while other threads
+// live on. Async-signal-safe calls only: it runs in a forked child.
+bool LeaderIsZombie() {
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/%d/task/%d/stat", getpid(), getpid());
+  unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  char buf[512];
+  ssize_t n = fd.ok() ? read(fd.get(), buf, sizeof(buf) - 1) : -1;
+  if (n <= 0) {
+    return false;
+  }
+  buf[n] = '\0';
+  const char* end = strrchr(buf, ')');
+  return end != nullptr && end[1] == ' ' && end[2] == 'Z';
+}
+
+// Forks a child that runs body (default: nothing) and exits; returns its pid
+// once it has been reaped.
+pid_t RunChild(const std::function<void()>& body = [] {}) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    body();
+    _exit(0);
+  }
+  EXPECT_GT(pid, 0) << std::strerror(errno);
+  int status = 0;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  return pid;
+}
+
+// One program set as the service sees it: its pinned ring buffer drained
+// through libbpf, its status array, and attachments made by pinned name.
+class ProgramSet {
+ public:
+  explicit ProgramSet(const std::string& defineset) : defineset_(defineset) {}
+
+  void Open() {
+    ring_.reset(bpf_obj_get(Pinned(("map_" + defineset_ + "_ringbuf_map").c_str()).c_str()));
+    ASSERT_GE(ring_.get(), 0) << std::strerror(errno);
+    reader = RingBufferReader::Create(ring_.get());
+    ASSERT_NE(reader, nullptr);
+    status = StatusArray::Open(Pinned(("map_" + defineset_ + "_ringbuf_status").c_str()));
+    ASSERT_NE(status, nullptr);
+  }
+
+  // Attaches prog_<set>_tracepoint_<category>_<event> to category:event.
+  void AttachTracepoint(const std::string& category, const std::string& event) {
+    std::string path =
+        Pinned(("prog_" + defineset_ + "_tracepoint_" + category + "_" + event).c_str());
+    unique_fd prog(bpf_obj_get(path.c_str()));
+    ASSERT_GE(prog.get(), 0) << path << ": " << std::strerror(errno);
+    unique_fd link(bpf_attach_tracepoint(prog.get(), category.c_str(), event.c_str()));
+    ASSERT_GE(link.get(), 0) << "attaching " << path;
+    attachments_.push_back(std::move(link));
+  }
+
+  void SetFlags(uint64_t flags) { ASSERT_TRUE(status->Set(KELO_RB_STATUS_FLAGS, flags)); }
+
+  std::unique_ptr<RingBufferReader> reader;
+  std::unique_ptr<StatusArray> status;
+
+ private:
+  std::string defineset_;
+  unique_fd ring_;
+  std::vector<unique_fd> attachments_;
+};
+
+class KeloBpfProgramsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(LoadAndPinPrograms(kDir));
+    ASSERT_NO_FATAL_FAILURE(normal.Open());
+    ASSERT_NO_FATAL_FAILURE(gpl.Open());
+  }
+
+  ProgramSet normal{KELO_BPF_DEFINESET};
+  ProgramSet gpl{KELO_BPF_GPL_DEFINESET};
+};
+
+TEST_F(KeloBpfProgramsTest, ForkOfAProcessIsReportedOnlyWhileCoreEventsAreEnabled) {
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_fork"));
+
+  RunChild();
+  EXPECT_TRUE(normal.reader->Drain().empty()) << "records with every flag clear";
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_NORMAL));
+  RunChild();
+  EXPECT_TRUE(normal.reader->Drain().empty()) << "core events without the core flag";
+
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
+  uint64_t before = MonotonicNs();
+  pid_t child = RunChild();
+  uint64_t after = MonotonicNs();
+  auto created = Matching<kelo_task_create_event>(
+      normal.reader->Drain(), KELO_EVENT_TASK_CREATE,
+      [&](const kelo_task_create_event& e) {
+        return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS;
+      });
+  ASSERT_EQ(created.size(), 1u);
+  const kelo_task_create_event& e = created[0];
+  EXPECT_EQ(e.header.reserved, 0u);
+  EXPECT_GE(e.header.ts, before);
+  EXPECT_LE(e.header.ts, after);
+  EXPECT_EQ(e.ppid, getpid());
+  EXPECT_EQ(e.uid, getuid());
+  EXPECT_EQ(std::string(e.comm, strnlen(e.comm, sizeof(e.comm))), OwnComm());
+  EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_FLAGS) & KELO_RB_FLAG_FULL, 0u);
+}
+
+TEST_F(KeloBpfProgramsTest, NewThreadIsReportedAgainstItsProcess) {
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_fork"));
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
+
+  // Sanitizer runtimes may start threads of their own, so the check is that
+  // ours are among the reported ones and none was taken for a process.
+  constexpr size_t kThreads = 3;
+  std::vector<pid_t> tids(kThreads);
+  for (pid_t& tid : tids) {
+    std::thread([&] { tid = gettid(); }).join();
+  }
+  std::vector<Bytes> records = normal.reader->Drain();
+
+  auto threads = Matching<kelo_task_create_event>(
+      records, KELO_EVENT_TASK_CREATE, [&](const kelo_task_create_event& e) {
+        return e.pid == getpid() && e.kind == KELO_TASK_KIND_THREAD;
+      });
+  ASSERT_GE(threads.size(), kThreads);
+  for (const kelo_task_create_event& e : threads) {
+    EXPECT_EQ(e.ppid, getppid());
+  }
+  auto asProcesses = Matching<kelo_task_create_event>(
+      records, KELO_EVENT_TASK_CREATE, [&](const kelo_task_create_event& e) {
+        return std::find(tids.begin(), tids.end(), e.pid) != tids.end();
+      });
+  EXPECT_TRUE(asProcesses.empty()) << "a thread was reported as a process of its own";
+}
+
+TEST_F(KeloBpfProgramsTest, ExitRecordsTellThreadsFromTheEndOfTheProcess) {
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_exit"));
+
+  std::thread([] {}).join();
+  RunChild();
+  EXPECT_TRUE(normal.reader->Drain().empty()) << "exit records without the core flag";
+
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
+  // A thread with a name of its own: the record carries the process's name.
+  std::thread([] { pthread_setname_np(pthread_self(), "kelo-worker"); }).join();
+  pid_t child = RunChild();
+  std::vector<Bytes> records = normal.reader->Drain();
+
+  auto ours = Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
+                                             [&](const kelo_task_exit_event& e) {
+                                               return e.pid == getpid();
+                                             });
+  ASSERT_FALSE(ours.empty());
+  for (const kelo_task_exit_event& e : ours) {
+    EXPECT_EQ(e.kind, uint32_t{KELO_TASK_KIND_THREAD});
+    EXPECT_EQ(std::string(e.comm, strnlen(e.comm, sizeof(e.comm))), OwnComm());
+  }
+  auto childs = Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
+                                               [&](const kelo_task_exit_event& e) {
+                                                 return e.pid == child &&
+                                                        e.kind == KELO_TASK_KIND_PROCESS;
+                                               });
+  EXPECT_EQ(childs.size(), 1u);
+}
+
+// The process ends with its last thread, not with its group leader.
+TEST_F(KeloBpfProgramsTest, ProcessWhoseLeaderExitsFirstEndsWithItsLastThread) {
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+  GTEST_SKIP() << "ThreadSanitizer's runtime does not survive its main thread exiting alone";
+#endif
+#endif
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_exit"));
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
+
+  pid_t child = RunChild([] {
+    pthread_t worker;
+    pthread_create(
+        &worker, nullptr,
+        [](void*) -> void* {
+          // Outlive the leader, then end the process by ending its last thread.
+          while (!LeaderIsZombie()) {
+            usleep(1000);
+          }
+          syscall(SYS_exit, 0);
+          return nullptr;
+        },
+        nullptr);
+    // Ends only the leader thread.
+    syscall(SYS_exit, 0);
+  });
+  auto exits = Matching<kelo_task_exit_event>(
+      normal.reader->Drain(), KELO_EVENT_TASK_EXIT,
+      [&](const kelo_task_exit_event& e) { return e.pid == child; });
+  ASSERT_EQ(exits.size(), 2u);
+  EXPECT_EQ(exits[0].kind, uint32_t{KELO_TASK_KIND_THREAD});
+  EXPECT_EQ(exits[1].kind, uint32_t{KELO_TASK_KIND_PROCESS});
+}
+
+TEST_F(KeloBpfProgramsTest, RssGrowthIsReportedWhileNormalEventsAreEnabled) {
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("kmem", "rss_stat"));
+  constexpr size_t kTouch = 8 << 20;
+  auto touch = [] {
+    void* mem = mmap(nullptr, kTouch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(mem, MAP_FAILED);
+    std::memset(mem, 1, kTouch);
+    return mem;
+  };
+
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
+  void* first = touch();
+  EXPECT_TRUE(normal.reader->Drain().empty()) << "rss records without the normal flag";
+
+  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
+  void* second = touch();
+  auto anon = Matching<kelo_rss_stat_event>(
+      normal.reader->Drain(), KELO_EVENT_RSS_STAT, [&](const kelo_rss_stat_event& e) {
+        return e.pid == getpid() && e.member == KELO_RSS_ANON;
+      });
+  ASSERT_FALSE(anon.empty());
+  // The kernel's counters are per-CPU approximations; two touches of 8 MiB
+  // are well beyond their slack.
+  EXPECT_GE(anon.back().size, static_cast<int64_t>(kTouch));
+  for (size_t i = 1; i < anon.size(); ++i) {
+    int64_t step = anon[i].size - anon[i - 1].size;
+    EXPECT_GE(step < 0 ? -step : step, KELO_RSS_REPORT_STEP) << "record " << i;
+  }
+  munmap(first, kTouch);
+  munmap(second, kTouch);
+}
+
+TEST_F(KeloBpfProgramsTest, SchedSwitchKeepsTheStatusEntriesCurrent) {
+  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_switch"));
+  // Any context switch refreshes the entries the first time.
+  for (int i = 0; i < 100 && normal.status->Get(KELO_RB_STATUS_RING_SIZE) == 0; ++i) {
+    usleep(1000);
+  }
+  EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_RING_SIZE), uint64_t{KELO_RINGBUF_BYTES});
+  EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_AVAIL_DATA), 0u);
+  EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_FLAGS), 0u) << "flags are the service's";
+}
+
+TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
+  ASSERT_NO_FATAL_FAILURE(gpl.AttachTracepoint("sched", "sched_process_exit"));
+  ASSERT_NO_FATAL_FAILURE(gpl.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
+  auto open = [](const char* name) {
+    return unique_fd(bpf_obj_get(Pinned(name).c_str()));
+  };
+  unique_fd allocate = open("map_KeloBpfGplDefineset_dmabuf_allocate_map");
+  unique_fd sizes = open("map_KeloBpfGplDefineset_dmabuf_size_map");
+  unique_fd perProcess = open("map_KeloBpfGplDefineset_dmabuf_perprocess_size_map");
+  unique_fd inodes = open("map_KeloBpfGplDefineset_process_inode_map");
+  unique_fd mmaps = open("map_KeloBpfGplDefineset_process_mmap_infos");
+  ASSERT_TRUE(allocate.ok() && sizes.ok() && perProcess.ok() && inodes.ok() && mmaps.ok());
+
+  int gate[2];
+  ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
+  unique_fd gateRead(gate[0]), gateWrite(gate[1]);
+  pid_t child = fork();
+  if (child == 0) {
+    char c;
+    gateWrite.reset();
+    _exit(read(gateRead.get(), &c, 1) == 0 ? 0 : 1);
+  }
+  ASSERT_GT(child, 0);
+  gateRead.reset();
+
+  // The child and this process share buffer 77; the child also owns it.
+  const uint64_t inode = 77;
+  const int32_t self = getpid();
+  dmabuf_allocate_info owner{child, 0, 4096};
+  dmabuf_stat stat{4096, 0};
+  int32_t one = 1;
+  uint64_t mappedInode = inode;
+  ASSERT_EQ(bpf_map_update_elem(allocate.get(), &inode, &owner, BPF_ANY), 0);
+  for (int32_t pid : {static_cast<int32_t>(child), self}) {
+    dmabuf_process_inode_key ref{pid, 0, inode};
+    dmabuf_process_mmap_key map{pid, 0, 0x7f0000001000ULL};
+    ASSERT_EQ(bpf_map_update_elem(sizes.get(), &pid, &stat, BPF_ANY), 0);
+    ASSERT_EQ(bpf_map_update_elem(perProcess.get(), &pid, &stat, BPF_ANY), 0);
+    ASSERT_EQ(bpf_map_update_elem(inodes.get(), &ref, &one, BPF_ANY), 0);
+    ASSERT_EQ(bpf_map_update_elem(mmaps.get(), &map, &mappedInode, BPF_ANY), 0);
+  }
+
+  // A thread ending is not the end of this process.
+  std::thread([] {}).join();
+  gateWrite.reset();
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+
+  auto present = [](int fd, const void* key) {
+    std::vector<uint8_t> value(64);
+    return bpf_map_lookup_elem(fd, key, value.data()) == 0;
+  };
+  const int32_t childKey = child;
+  dmabuf_process_inode_key childRef{child, 0, inode}, selfRef{self, 0, inode};
+  dmabuf_process_mmap_key childMap{child, 0, 0x7f0000001000ULL}, selfMap{self, 0, 0x7f0000001000ULL};
+  EXPECT_FALSE(present(sizes.get(), &childKey));
+  EXPECT_FALSE(present(perProcess.get(), &childKey));
+  EXPECT_FALSE(present(inodes.get(), &childRef));
+  EXPECT_FALSE(present(mmaps.get(), &childMap));
+  EXPECT_TRUE(present(sizes.get(), &self));
+  EXPECT_TRUE(present(perProcess.get(), &self));
+  EXPECT_TRUE(present(inodes.get(), &selfRef));
+  EXPECT_TRUE(present(mmaps.get(), &selfMap));
+  // The buffer itself lives on until it is released.
+  EXPECT_TRUE(present(allocate.get(), &inode));
+
+  auto reports = Matching<kelo_dmabuf_size_event>(
+      gpl.reader->Drain(), KELO_EVENT_DMABUF_SIZE,
+      [&](const kelo_dmabuf_size_event& e) { return e.pid == child || e.pid == self; });
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].pid, child);
+  EXPECT_EQ(reports[0].allocated_size, 0);
+  EXPECT_EQ(reports[0].referenced_size, 0);
+}
+
+// A temporary child cgroup of the cpuset hierarchy (cgroup v1, as on
+// Android) or, without one, of the unified hierarchy; removed again by the
+// destructor once its tasks are gone.
+class TemporaryCgroup {
+ public:
+  static std::unique_ptr<TemporaryCgroup> Create(const std::string& name) {
+    for (const char* root : {"/sys/fs/cgroup/cpuset", "/sys/fs/cgroup/unified", "/sys/fs/cgroup"}) {
+      struct statfs fs;
+      if (statfs(root, &fs) != 0 ||
+          (fs.f_type != CGROUP_SUPER_MAGIC && fs.f_type != CGROUP2_SUPER_MAGIC)) {
+        continue;
+      }
+      std::string dir = std::string(root) + "/" + name;
+      if (mkdir(dir.c_str(), 0755) != 0) {
+        continue;
+      }
+      std::unique_ptr<TemporaryCgroup> cgroup(new TemporaryCgroup(dir));
+      // A v1 cpuset takes no task before it has processors and memory nodes.
+      if (!cgroup->inherit(root, "cpuset.cpus") || !cgroup->inherit(root, "cpuset.mems")) {
+        continue;
+      }
+      return cgroup;
+    }
+    return nullptr;
+  }
+  ~TemporaryCgroup() { EXPECT_EQ(rmdir(dir_.c_str()), 0) << dir_ << ": " << std::strerror(errno); }
+
+  const std::string& dir() const { return dir_; }
+
+ private:
+  explicit TemporaryCgroup(std::string dir) : dir_(std::move(dir)) {}
+
+  // Copies a parent's file into the cgroup when the parent has one.
+  bool inherit(const std::string& root, const std::string& file) {
+    std::ifstream parent(root + "/" + file);
+    if (!parent) {
+      return true;
+    }
+    std::string value;
+    std::getline(parent, value);
+    std::ofstream child(dir_ + "/" + file);
+    child << value << std::flush;
+    return static_cast<bool>(child);
+  }
+
+  std::string dir_;
+};
+
+TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
+  const std::string name = "kelo-bpf-test-" + std::to_string(getpid());
+  auto cgroup = TemporaryCgroup::Create(name);
+  if (!cgroup) {
+    GTEST_SKIP() << "no writable cgroup hierarchy";
+  }
+  ASSERT_NO_FATAL_FAILURE(gpl.AttachTracepoint("cgroup", "cgroup_attach_task"));
+
+  const std::string procs = cgroup->dir() + "/cgroup.procs";
+  auto moveSelf = [&] {
+    std::ofstream out(procs);
+    out << 0 << std::flush;
+    _exit(out ? 0 : 1);
+  };
+  RunChild(moveSelf);
+  EXPECT_TRUE(gpl.reader->Drain().empty()) << "records without the normal flag";
+
+  ASSERT_NO_FATAL_FAILURE(gpl.SetFlags(KELO_RB_FLAG_NORMAL));
+  pid_t child = RunChild(moveSelf);
+  auto moves = Matching<kelo_cgroup_attach_event>(
+      gpl.reader->Drain(), KELO_EVENT_CGROUP_ATTACH,
+      [&](const kelo_cgroup_attach_event& e) { return e.pid == child; });
+  ASSERT_EQ(moves.size(), 1u);
+  EXPECT_EQ(std::string(moves[0].path), "/" + name);
+  EXPECT_EQ(std::string(moves[0].comm), OwnComm());
+  EXPECT_EQ(moves[0].dst_level, 1);
+  EXPECT_NE(moves[0].dst_id, 0u);
+}
+
+// With a ring buffer too small for the load, the programs flag the overflow
+// and leave the ring's positions where the service's watchdog reads them.
+TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagAndRecordsPositions) {
+  constexpr uint32_t kTinyRing = 4096;
+  bpf_object* raw = bpf_object__open_file(KELO_BPF_NORMAL_OBJ, nullptr);
+  ASSERT_EQ(libbpf_get_error(raw), 0);
+  std::unique_ptr<bpf_object, void (*)(bpf_object*)> object(raw, bpf_object__close);
+  bpf_map* ring = bpf_object__find_map_by_name(raw, "ringbuf_map");
+  ASSERT_NE(ring, nullptr);
+  ASSERT_EQ(bpf_map__set_max_entries(ring, kTinyRing), 0);
+  bpf_program* prog;
+  bpf_object__for_each_program(prog, raw) {
+    bpf_program__set_autoload(prog, std::string(bpf_program__name(prog)) == "sched_sched_process_fork");
+  }
+  ASSERT_EQ(bpf_object__load(raw), 0);
+  int statusFd = bpf_map__fd(bpf_object__find_map_by_name(raw, "ringbuf_status"));
+  uint32_t key = KELO_RB_STATUS_FLAGS;
+  uint64_t flags = KELO_RB_FLAG_CORE;
+  ASSERT_EQ(bpf_map_update_elem(statusFd, &key, &flags, BPF_ANY), 0);
+  unique_fd link(bpf_attach_tracepoint(
+      bpf_program__fd(bpf_object__find_program_by_name(raw, "sched_sched_process_fork")), "sched",
+      "sched_process_fork"));
+  ASSERT_GE(link.get(), 0);
+
+  constexpr size_t kRecordSpace = sizeof(kelo_task_create_event) + 8;  // plus ring header
+  for (size_t i = 0; i <= kTinyRing / kRecordSpace; ++i) {
+    RunChild();
+  }
+  link.reset();
+
+  auto entry = [&](uint32_t k) {
+    uint64_t value = 0;
+    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &k, &value), 0);
+    return value;
+  };
+  EXPECT_EQ(entry(KELO_RB_STATUS_FLAGS), uint64_t{KELO_RB_FLAG_CORE | KELO_RB_FLAG_FULL});
+  EXPECT_EQ(entry(KELO_RB_STATUS_RING_SIZE), kTinyRing);
+  uint64_t avail = entry(KELO_RB_STATUS_AVAIL_DATA);
+  EXPECT_GT(avail, kTinyRing - kRecordSpace);
+  EXPECT_EQ(entry(KELO_RB_STATUS_PROD_POS) - entry(KELO_RB_STATUS_CONS_POS), avail);
+
+  auto reader = RingBufferReader::Create(bpf_map__fd(ring));
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(reader->Drain().size(), avail / kRecordSpace);
+}
+
+}  // namespace
+}  // namespace kelo_test
