@@ -2,7 +2,6 @@
 // ring_buffer must be exactly the injected bytes with exactly their length.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <numeric>
 
 #include "bpf/kelo_bpf_events.h"
@@ -50,33 +49,6 @@ TEST(RingBufferFixtureTest, EveryLengthArrivesByteForByte) {
   }
 }
 
-TEST(RingBufferFixtureTest, InjectsTypedRecordsAndUnknownTypes) {
-  auto ring = RingBufferFixture::Create(kRingPath, kSmallRing);
-  ASSERT_NE(ring, nullptr);
-  auto reader = RingBufferReader::Create(ring->fd());
-  ASSERT_NE(reader, nullptr);
-
-  kelo_task_exit_event exitEvent{};
-  exitEvent.header.type = KELO_EVENT_TASK_EXIT;
-  exitEvent.header.ts = 0x1122334455667788ULL;
-  exitEvent.pid = 4242;
-  std::strcpy(exitEvent.comm, "worker");
-  exitEvent.kind = KELO_TASK_KIND_THREAD;
-  ASSERT_TRUE(ring->InjectRecord(exitEvent));
-  kelo_event_header bogus{};
-  bogus.type = 9;
-  ASSERT_TRUE(ring->InjectRecord(bogus));
-
-  std::vector<Bytes> received = reader->Drain();
-  ASSERT_EQ(received.size(), 2u);
-  ASSERT_EQ(received[0].size(), sizeof(exitEvent));
-  EXPECT_EQ(std::memcmp(received[0].data(), &exitEvent, sizeof(exitEvent)), 0);
-  ASSERT_EQ(received[1].size(), sizeof(bogus));
-  uint32_t type;
-  std::memcpy(&type, received[1].data(), sizeof(type));
-  EXPECT_EQ(type, 9u);
-}
-
 TEST(RingBufferFixtureTest, FullRingRefusesWithoutCorruptingEarlierRecords) {
   auto ring = RingBufferFixture::Create(kRingPath, kSmallRing);
   ASSERT_NE(ring, nullptr);
@@ -97,21 +69,6 @@ TEST(RingBufferFixtureTest, FullRingRefusesWithoutCorruptingEarlierRecords) {
   }
   // Consuming made room again.
   EXPECT_TRUE(ring->Inject(record.data(), record.size()));
-}
-
-TEST(RingBufferFixtureTest, OpenWrapsAPinnedRingBuffer) {
-  auto created = RingBufferFixture::Create(kRingPath, kSmallRing);
-  ASSERT_NE(created, nullptr);
-  auto opened = RingBufferFixture::Open(kRingPath);
-  ASSERT_NE(opened, nullptr);
-  auto reader = RingBufferReader::Create(created->fd());
-  ASSERT_NE(reader, nullptr);
-
-  Bytes record = Pattern(24, 9);
-  ASSERT_TRUE(opened->Inject(record.data(), record.size()));
-  std::vector<Bytes> received = reader->WaitFor(1, std::chrono::seconds(5));
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0], record);
 }
 
 TEST(ServiceRingBuffersTest, PinsAtTheServicePathsWithZeroedStatus) {

@@ -170,14 +170,5 @@ TEST(KeloBpfLoaderTest, RefusedProgramsAreReportedAndTheRestPinned) {
   EXPECT_GE(accepted.get(), 0);
 }
 
-TEST(KeloBpfLoaderTest, AttachKindComesFromTheSection) {
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("tracepoint/sched/sched_switch"), "tracepoint");
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("tp/kmem/rss_stat"), "tracepoint");
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("kprobe/fd_install"), "kprobe");
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("kretprobe/fd_install"), "kretprobe");
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("xdp"), "");
-  EXPECT_EQ(Kelo::Bpf::AttachKindOfSection("raw_tracepoint/sched_switch"), "");
-}
-
 }  // namespace
 }  // namespace kelo_test
