@@ -1,0 +1,79 @@
+// The process-wide registry of which client connection wants which event
+// types. Client requests subscribe and unsubscribe a connection; every event
+// the service publishes (each valid ring-buffer record and each task event the
+// service derives) goes through AppendEvent, which queues one level-2 package
+// per subscribed connection and asks the IPC endpoint to send them.
+//
+// Connections are keyed by their socket descriptor, which is also the key of
+// the service's per-connection outgoing queues. The registry reaches those
+// queues through a pointer that the service binds when it is constructed.
+//
+// Locking: keloRawEventManagerLock guards the registry and the service's map
+// of queues. It is the outer lock: AppendEvent takes the service's lock while
+// holding it, so nothing may take keloRawEventManagerLock while holding the
+// service's lock. A connection's queue is erased only after its subscriptions
+// (both under this lock), so a producer never queues for a vanished queue.
+#pragma once
+
+#include <android-base/thread_annotations.h>
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "utils/kelo_bpf_ipc_package_manager.h"
+#include "utils/kelo_bpf_mutex.h"
+
+namespace Kelo {
+namespace Bpf {
+
+// Outgoing queue of every connected client, by socket descriptor.
+using ClientPackageManagers = std::map<int, IpcPackageManager>;
+
+// Package type under which events travel to clients, the record as payload.
+inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
+
+class EventManager {
+ public:
+  // Made on first call and never destroyed.
+  static EventManager* GetInstance() EXCLUDES(keloRawEventManagerLock);
+
+  // Subscribes connection fd to event type `type`; subscribing twice changes
+  // nothing.
+  void AddObserverEvent(int fd, int type) EXCLUDES(keloRawEventManagerLock);
+  // Unsubscribes fd from `type`; nothing happens when it was not subscribed.
+  void DelObserverEvent(int fd, int type) EXCLUDES(keloRawEventManagerLock);
+  // Drops every subscription of fd (its connection closed).
+  void EraseObserver(int fd) EXCLUDES(keloRawEventManagerLock);
+
+  // Publishes one event whose first four bytes are its type: the `size`
+  // bytes are queued byte for byte as a package of type 3 for every
+  // connection subscribed to the type, in subscription order, and then the
+  // endpoint is asked to write to each of them. Always 0.
+  int AppendEvent(char* data, unsigned int size) EXCLUDES(keloRawEventManagerLock);
+
+  // Binds the registry to the queues events are appended to (the service's,
+  // which the caller's lock guards too).
+  void setClientQueues(ClientPackageManagers* queues) REQUIRES(keloRawEventManagerLock);
+
+  // Guards the registry instance, both subscription maps and the queue map
+  // they point into (see the file comment for the lock order).
+  static Mutex keloRawEventManagerLock;
+
+ private:
+  EventManager() = default;
+
+  // Removes every element equal to value, keeping the order of the rest.
+  static void RemoveAll(std::vector<int>* values, int value);
+
+  ClientPackageManagers* clientQueues GUARDED_BY(keloRawEventManagerLock) = nullptr;
+  // Types each connection subscribed to, in subscription order, no duplicates.
+  std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
+  // Connections subscribed to each type, in subscription order.
+  std::map<int, std::vector<int>> observersByType GUARDED_BY(keloRawEventManagerLock);
+
+  static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
+};
+
+}  // namespace Bpf
+}  // namespace Kelo

@@ -1,0 +1,166 @@
+#include "service/kelo_bpf_service.h"
+
+#include <android-base/properties.h>
+
+#include <mutex>
+#include <utility>
+
+#include "utils/kelo_bpf_error_log.h"
+#include "utils/kelo_bpf_log.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+constexpr char DISABLE_PROPERTY[] = "persist.sys.stability.bpfframework.disable";
+constexpr char DISABLE_PROPERTY_DEFAULT[] = "0";
+constexpr char DISABLED[] = "1";
+
+// Names a freshly forked application process carries in the kernel's task
+// name before it gets its own; the second is compared with 15-character
+// kernel names, hence its cut.
+constexpr char STARTING_PROCESS_MAIN[] = "main";
+constexpr char STARTING_PROCESS_REINITIALIZED[] = "re-initialized>";
+
+}  // namespace
+
+const BpfAttachTable& KeloBpfService::PROG_EVENT_MAP = *new BpfAttachTable(NormalAttachTable());
+const BpfAttachTable& KeloBpfService::PROG_GPL_EVENT_MAP = *new BpfAttachTable(GplAttachTable());
+
+Mutex KeloBpfService::servicelock;
+KeloBpfService* KeloBpfService::instance = nullptr;
+
+bool BpfServiceMain() {
+  if (android::base::GetProperty(DISABLE_PROPERTY, DISABLE_PROPERTY_DEFAULT) == DISABLED) {
+    KELO_LOGI(LOG_TAG_SERVICE, "[BpfServiceMain] Starting KELO Bpf Service disabled!");
+    return false;
+  }
+  KELO_LOGI(LOG_TAG_SERVICE, "[BpfServiceMain] Starting KELO Bpf Service");
+  InitBpfServiceErrorLog();
+  KeloBpfService::GetInstance()->start();
+  return true;
+}
+
+KeloBpfService* KeloBpfService::GetInstance() {
+  if (KeloBpfService* service = FindInstance()) return service;
+  return GetInstance(KeloBpfServiceConfig());
+}
+
+KeloBpfService* KeloBpfService::GetInstance(const KeloBpfServiceConfig& config) {
+  static std::once_flag made;
+  std::call_once(made, [&config] {
+    // Built without servicelock held: the constructor takes
+    // keloRawEventManagerLock, which must never nest inside servicelock.
+    KeloBpfService* service = new KeloBpfService(config);
+    MutexLock lock(servicelock);
+    instance = service;
+  });
+  return FindInstance();
+}
+
+KeloBpfService* KeloBpfService::FindInstance() {
+  MutexLock lock(servicelock);
+  return instance;
+}
+
+KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(config) {
+  IpcHandlerState handlerState;
+  handlerState.compactReadBuffer = true;
+  handlerState.closeOnError = true;
+  handlerState.extraFlag = true;
+  handlerState.onReadable = [this](int fd, BufferState* buffer) { return onClientLibReadable(fd, buffer); };
+  handlerState.onWriteable = [this](int fd, BufferState* buffer) { return onClientLibWriteable(fd, buffer); };
+  handlerState.onConnection = [this](int fd) { return onClientLibConnection(fd); };
+  handlerState.onClose = [this](int fd) { return onClientLibClose(fd); };
+
+  ipcManager = std::make_unique<UnixIpcManager>(true, IPC_BUFFER_SIZE, config.socketName, std::move(handlerState),
+                                                IPC_THREAD_NAME, ServiceCpuSet(), IPC_EPOLL_SIZE, IPC_MAX_EVENTS);
+  packageManager = std::make_unique<IpcPackageManager>();
+
+  // Requests are the only packages a client sends; packages of the other
+  // known types are accepted and dropped.
+  std::map<uint32_t, IpcPackageHandlerFunc> packageHandlers;
+  for (uint32_t type = 0; type <= IPC_PACKAGE_TYPE_MAX; ++type) packageHandlers[type] = nullptr;
+  packageHandlers[IPC_PACKAGE_TYPE_REQUEST] = [this](int fd, char* data, uint32_t size) {
+    return onEventProvideReqCallBack(fd, data, size);
+  };
+  packageHandler = std::make_unique<IpcPackageHandler>(packageHandlers);
+
+  startingProcessNames = {STARTING_PROCESS_MAIN, STARTING_PROCESS_REINITIALIZED};
+
+  eventHandlers[KELO_EVENT_TASK_INIT] = [this](char* data, long long size) {
+    return handleKeloTaskInitEvent(data, size);
+  };
+  eventHandlers[KELO_EVENT_TASK_CREATE] = [this](char* data, long long size) {
+    return handleSched_SchedProcessFork(data, size);
+  };
+  eventHandlers[KELO_EVENT_TASK_EXIT] = [this](char* data, long long size) {
+    return handleSched_SchedProcessExit(data, size);
+  };
+  eventHandlers[KELO_EVENT_RSS_STAT] = [this](char* data, long long size) { return handleKmem_RssStat(data, size); };
+
+  EventManager* registry = EventManager::GetInstance();
+  MutexLock lock(EventManager::keloRawEventManagerLock);
+  registry->setClientQueues(&clientPackageManagers);
+}
+
+std::string KeloBpfService::pinnedPath(const char* designedPath) const {
+  return config.bpfFsDir + (designedPath + sizeof(BPF_FS_PATH) - 1);
+}
+
+bool KeloBpfService::start() {
+  MutexLock lock(servicelock);
+  running = true;
+  MutexLock slots(mutex);
+  produceThread = spawnProducer(&KeloBpfService::eventProduceThread, "eventProduceThread");
+  return true;
+}
+
+int KeloBpfService::stop() {
+  MutexLock lock(servicelock);
+  ipcManager->stop();
+  running = false;
+  return 0;
+}
+
+int KeloBpfService::Wait() {
+  while (running) {
+    {
+      MutexLock slots(mutex);
+      if (!produceThread.joinable()) {
+        produceThread = spawnProducer(&KeloBpfService::eventProduceThread, "eventProduceThread");
+      }
+      if (!gplProduceThread.joinable()) {
+        gplProduceThread = spawnProducer(&KeloBpfService::gpleventProduceThread, "gpleventProduceThread");
+      }
+    }
+    std::this_thread::sleep_for(WAIT_CHECK_INTERVAL);
+  }
+  ipcManager->stop();
+  joinProducers();
+  return 0;
+}
+
+void KeloBpfService::joinProducers() {
+  // The normal producer is the only other writer of the GPL slot, so the GPL
+  // slot is taken only once the normal producer has ended.
+  std::thread normal;
+  {
+    MutexLock slots(mutex);
+    normal = std::move(produceThread);
+  }
+  if (normal.joinable()) normal.join();
+  std::thread gpl;
+  {
+    MutexLock slots(mutex);
+    gpl = std::move(gplProduceThread);
+  }
+  if (gpl.joinable()) gpl.join();
+}
+
+void KeloBpfService::notifyClientEventReady(const std::vector<int>& fds) {
+  for (int fd : fds) ipcManager->notifyNeedWriteData(fd);
+}
+
+}  // namespace Bpf
+}  // namespace Kelo

@@ -1,0 +1,107 @@
+// The service's side of the client conversation: connection callbacks of the
+// IPC endpoint, request handling and the per-connection outgoing queues. All
+// of it runs on the IPC thread "BpfServiceTr", which is the only thread that
+// changes the map of queues; producers read it through the registry.
+#include <android-base/logging.h>
+#include <sys/types.h>
+
+#include <cstring>
+
+#include "helper/kelo_bpf_helper_strings.h"
+#include "service/kelo_bpf_service.h"
+#include "utils/kelo_bpf_log.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+constexpr int32_t RESULT_OK = 0;
+constexpr int32_t RESULT_REFUSED = -1;
+
+}  // namespace
+
+int KeloBpfService::onClientLibConnection(int fd) {
+  MutexLock lock(EventManager::keloRawEventManagerLock);
+  clientPackageManagers.try_emplace(fd);
+  return 0;
+}
+
+int KeloBpfService::onClientLibClose(int fd) {
+  // Subscriptions go first, so that no producer queues an event for this
+  // connection once its queue is gone.
+  EventManager::GetInstance()->EraseObserver(fd);
+  MutexLock lock(EventManager::keloRawEventManagerLock);
+  clientPackageManagers.erase(fd);
+  return 0;
+}
+
+int KeloBpfService::onClientLibReadable(int fd, BufferState* readBufferState) {
+  while (!readBufferState->empty()) {
+    uint32_t ipcPackageHeaderSize = 0;
+    uint32_t dataSize = 0;
+    if (!CheckIpcPackageComplete(readBufferState, &ipcPackageHeaderSize, &dataSize)) return 0;
+    CHECK(readBufferState->read(ipcPackageHeaderSize) != nullptr);
+    char* package = readBufferState->read(dataSize);
+    if (packageHandler->handleSecondIpcPackage(fd, package, dataSize) != -1) continue;
+
+    const size_t frameSize = static_cast<size_t>(ipcPackageHeaderSize) + dataSize;
+    KELO_LOGE(LOG_TAG_SERVICE,
+              "[KeloBpfService] Resv event: bufferCursor (%zd), numSize (%zd), dataSize (%zd), readCount (%zd)",
+              static_cast<ssize_t>(readBufferState->bufferCursor), static_cast<ssize_t>(ipcPackageHeaderSize),
+              static_cast<ssize_t>(dataSize), static_cast<ssize_t>(readBufferState->bufferDataCursor));
+    const char* frame = readBufferState->buffer.data() + readBufferState->bufferCursor - frameSize;
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] BUFFER HEXDUMP: %s",
+              ConvertToHexString(frame, static_cast<int>(frameSize)).c_str());
+    return -1;
+  }
+  return 0;
+}
+
+int KeloBpfService::onClientLibWriteable(int fd, BufferState* writeBufferState) {
+  IpcPackageManager* queue = nullptr;
+  {
+    MutexLock lock(EventManager::keloRawEventManagerLock);
+    auto entry = clientPackageManagers.find(fd);
+    if (entry == clientPackageManagers.end()) return 0;
+    // Only this thread erases queues, so the queue outlives the lock.
+    queue = &entry->second;
+  }
+  while (queue->fillNextIpcPackageToBuffer(writeBufferState)) {
+  }
+  return 0;
+}
+
+int KeloBpfService::onEventProvideReqCallBack(int fd, char* payload, unsigned int size) {
+  // The request header may sit at any address in the read buffer: it is
+  // copied out, and the check reads the copy (named as the check's text
+  // names the request).
+  KeloReqIpcPackageHeader data[1] = {};
+  memcpy(data, payload, size < sizeof(data) ? size : sizeof(data));
+  CHECK(((KeloReqIpcPackageHeader*)data)->dataSize == size - sizeof(KeloReqIpcPackageHeader));
+  const KeloReqIpcPackageHeader& request = data[0];
+
+  KeloRespIpcPackage response = {request.reqId, RESULT_REFUSED, 0, nullptr};
+  int32_t eventType = 0;
+  const bool hasEventType = request.dataSize >= sizeof(eventType);
+  if (hasEventType) memcpy(&eventType, payload + sizeof(KeloReqIpcPackageHeader), sizeof(eventType));
+  if (hasEventType && request.reqType == REQ_DEL_OBSERVER_EVENT) {
+    EventManager::GetInstance()->DelObserverEvent(fd, eventType);
+    response.result = RESULT_OK;
+  } else if (hasEventType && request.reqType == REQ_ADD_OBSERVER_EVENT) {
+    EventManager::GetInstance()->AddObserverEvent(fd, eventType);
+    response.result = RESULT_OK;
+  }
+
+  IpcPackageManager* queue = nullptr;
+  {
+    MutexLock lock(EventManager::keloRawEventManagerLock);
+    // Only this thread erases queues, so the queue outlives the lock.
+    queue = &clientPackageManagers.try_emplace(fd).first->second;
+  }
+  queue->appendRespIpcPackage(&response);
+  ipcManager->notifyNeedWriteData(fd);
+  return 0;
+}
+
+}  // namespace Bpf
+}  // namespace Kelo

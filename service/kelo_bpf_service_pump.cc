@@ -1,0 +1,201 @@
+// The ring-buffer pumps, per-record dispatch, the overflow watchdog and the
+// enable switches of the kernel side.
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <memory>
+
+#include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_state.h"
+#include "utils/kelo_bpf_log.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+struct RingBufferFree {
+  void operator()(ring_buffer* ringBuffer) const { ring_buffer__free(ringBuffer); }
+};
+using RingBufferPtr = std::unique_ptr<ring_buffer, RingBufferFree>;
+
+// Blocks until records arrive: an idle pump costs no wake-ups.
+constexpr int POLL_WITHOUT_TIMEOUT = -1;
+
+uint64_t LookupStatus(int statusFd, uint32_t key) {
+  uint64_t value = 0;  // stays 0 when the lookup fails
+  bpf_map_lookup_elem(statusFd, &key, &value);
+  return value;
+}
+
+int UpdateStatus(int statusFd, uint32_t key, uint64_t value) {
+  return bpf_map_update_elem(statusFd, &key, &value, BPF_ANY);
+}
+
+}  // namespace
+
+const KeloBpfService::PumpTraits KeloBpfService::NORMAL_PUMP = {
+    NORMAL_RINGBUF_INDEX, "eventMonitor",           "Stop Event Produce Thread...",
+    RINGBUF_MAP_PATH,     RINGBUF_STATUS_MAP_PATH, &KeloBpfService::initTaskInfo};
+const KeloBpfService::PumpTraits KeloBpfService::GPL_PUMP = {
+    GPL_RINGBUF_INDEX,    "gpleventMonitor",           "Stop GPL Event Produce Thread...",
+    GPL_RINGBUF_MAP_PATH, GPL_RINGBUF_STATUS_MAP_PATH, &KeloBpfService::initDmabufBpfProg};
+
+int KeloBpfService::eventMonitor() { return runPump(NORMAL_PUMP); }
+
+int KeloBpfService::gpleventMonitor() { return runPump(GPL_PUMP); }
+
+int KeloBpfService::runPump(const PumpTraits& pump) {
+  InstallDumpSignalHandlers();
+
+  int ringbufFd = bpf_obj_get(pinnedPath(pump.ringbufPath).c_str());
+  if (ringbufFd < 0) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: get ringbuf failed: %s, map fd: %d", pump.method,
+              strerror(errno), -1);
+    errno = 0;
+    return -1;
+  }
+  int statusFd = bpf_obj_get(pinnedPath(pump.statusPath).c_str());
+  {
+    MutexLock lock(servicelock);
+    (pump.index == NORMAL_RINGBUF_INDEX ? ringbufMapFd : gplRingbufMapFd).reset(ringbufFd);
+    if (statusFd >= 0) {
+      (pump.index == NORMAL_RINGBUF_INDEX ? ringbufStatusMapFd : gplRingbufStatusMapFd).reset(statusFd);
+    }
+  }
+  if (statusFd < 0) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: get ringbuf status map failed: %s, map fd: %d",
+              pump.method, strerror(errno), -1);
+    errno = 0;
+    return -1;
+  }
+
+  // The ring buffer's descriptor stays open in the service for as long as
+  // the ring buffer manager uses it.
+  RingBufferPtr ringBuffer(ring_buffer__new(ringbufFd, handleBpfRingBuffEvent, this, nullptr));
+  if (!ringBuffer) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
+              pump.method, strerror(errno), ringbufFd);
+    errno = 0;
+    return -1;
+  }
+
+  // Core events (task creation and exit) flow before the seeding starts, so
+  // that a change made while it runs is not missed; the other events only
+  // after it, so that they meet seeded state.
+  updateStatusFlag(pump.index, KELO_RB_FLAG_CORE, true);
+  if (config.beforeSeed) config.beforeSeed(pump.index);
+  (this->*pump.seed)();
+  updateStatusFlag(pump.index, KELO_RB_FLAG_NORMAL, true);
+
+  int failures = 0;
+  while (true) {
+    if (!running) {
+      KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][%s] %s", pump.method, pump.stopText);
+      return 0;
+    }
+    const int result = ring_buffer__poll(ringBuffer.get(), POLL_WITHOUT_TIMEOUT);
+    if (result >= 0) {
+      KeloBpfDataState::GetInstance()->RecordEvent(KELO_EVENT_POLL_COUNT, 1);
+      checkBpfRingBuffStatus(pump.index, false);
+      failures = 0;
+      continue;
+    }
+    const int pollErrno = errno;
+    checkBpfRingBuffStatus(pump.index, true);
+    // A signal (a dump request among them) interrupted the wait.
+    if (pollErrno == EINTR) continue;
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: ret %d .Error ring buf poll. %s", pump.method, result,
+              strerror(pollErrno));
+    errno = 0;
+    std::this_thread::sleep_for(POLL_FAILURE_PAUSE);
+    if (failures++ >= MAX_POLL_FAILURES) return -1;
+  }
+}
+
+int KeloBpfService::handleBpfRingBuffEvent(void* ctx, void* data, size_t size) {
+  KeloBpfService* service = ctx != nullptr ? static_cast<KeloBpfService*>(ctx) : GetInstance();
+  // Called from inside libbpf's C code: nothing may be thrown through it.
+  try {
+    return service->dispatchRecord(static_cast<char*>(data), size);
+  } catch (const std::exception& e) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] handleEvent failed: %s", e.what());
+    return -1;
+  }
+}
+
+int KeloBpfService::dispatchRecord(char* data, size_t size) {
+  static EventManager* const registry = EventManager::GetInstance();
+  uint32_t type = 0;
+  if (size < sizeof(type)) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] handleEvent ERROR!!! Record size: %zu", size);
+    return -1;
+  }
+  memcpy(&type, data, sizeof(type));
+  KeloBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+  if (type > KELO_EVENT_TYPE_MAX) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] handleEvent ERROR!!! Type: %u", type);
+    return -1;
+  }
+  // Subscribers get every valid record, before and regardless of its handler.
+  registry->AppendEvent(data, static_cast<unsigned int>(size));
+  auto handler = eventHandlers.find(static_cast<int>(type));
+  if (handler == eventHandlers.end()) return 0;
+  return handler->second(data, static_cast<long long>(size));
+}
+
+int KeloBpfService::handleBpfPassthrough(char* data, long long size) {
+  EventManager::GetInstance()->AppendEvent(data, static_cast<unsigned int>(size));
+  return 0;
+}
+
+int KeloBpfService::statusMapFd(int index) {
+  return (index == NORMAL_RINGBUF_INDEX ? ringbufStatusMapFd : gplRingbufStatusMapFd).get();
+}
+
+bool KeloBpfService::checkBpfRingBuffStatus(int index, bool force) {
+  if (index < 0 || index >= RINGBUF_COUNT) return false;
+  const int64_t now = static_cast<int64_t>(time(nullptr));
+  if (!force && now - lastStatusCheckTime[index] < STATUS_CHECK_INTERVAL_SECONDS) return true;
+  lastStatusCheckTime[index] = now;
+
+  // The kernel sets the full flag at any time; the lock keeps this clearing
+  // from undoing a concurrent enable switch.
+  MutexLock lock(servicelock);
+  const int fd = statusMapFd(index);
+  const uint64_t availData = LookupStatus(fd, KELO_RB_STATUS_AVAIL_DATA);
+  const uint64_t flags = LookupStatus(fd, KELO_RB_STATUS_FLAGS);
+  if ((flags & KELO_RB_FLAG_FULL) == 0) return true;
+
+  KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][checkBpfRingBuffStatus] bpf ringbuff full!");
+  KELO_LOGW(LOG_TAG_SERVICE,
+            "[KeloBpfService][checkBpfRingBuffStatus] avail data: %" PRIu64 ", ringbuf size: %" PRIu64
+            ", cons pos: %" PRIu64 ", prod pos: %" PRIu64,
+            availData, LookupStatus(fd, KELO_RB_STATUS_RING_SIZE), LookupStatus(fd, KELO_RB_STATUS_CONS_POS),
+            LookupStatus(fd, KELO_RB_STATUS_PROD_POS));
+  UpdateStatus(fd, KELO_RB_STATUS_FLAGS, flags & ~static_cast<uint64_t>(KELO_RB_FLAG_FULL));
+  return false;
+}
+
+bool KeloBpfService::updateStatusFlag(int index, uint64_t flag, bool enable) {
+  if (index < 0 || index >= RINGBUF_COUNT) return false;
+  MutexLock lock(servicelock);
+  const int fd = statusMapFd(index);
+  const uint64_t flags = LookupStatus(fd, KELO_RB_STATUS_FLAGS);
+  return UpdateStatus(fd, KELO_RB_STATUS_FLAGS, enable ? flags | flag : flags & ~flag) == 0;
+}
+
+bool KeloBpfService::enableCoreBpf(int index, bool enable) {
+  return updateStatusFlag(index, KELO_RB_FLAG_CORE, enable);
+}
+
+bool KeloBpfService::enableNormalBpf(int index, bool enable) {
+  return updateStatusFlag(index, KELO_RB_FLAG_NORMAL, enable);
+}
+
+}  // namespace Bpf
+}  // namespace Kelo

@@ -1,0 +1,118 @@
+// Clients over the service's real socket. The kernel side is never declared
+// ready here, so the only events are those published through the registry,
+// as the task handlers publish theirs.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tests/service/kelo_bpf_service_test_support.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+using namespace kelo_service_test;
+
+std::string Publish(int32_t type, const std::string& payload = "") {
+  std::string record = Bytes(type) + payload;
+  EventManager::GetInstance()->AppendEvent(record.data(), static_cast<unsigned int>(record.size()));
+  return record;
+}
+
+// Socket descriptor numbers of this process (the service's and the clients').
+std::set<std::string> SocketFds() {
+  std::set<std::string> fds;
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/proc/self/fd"), closedir);
+  for (std::string target; dirent* entry = readdir(dir.get());) {
+    if (android::base::Readlink(std::string("/proc/self/fd/") + entry->d_name, &target) &&
+        target.rfind("socket:", 0) == 0) {
+      fds.insert(entry->d_name);
+    }
+  }
+  return fds;
+}
+
+class ClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KeloBpfService::GetInstance()->start();
+    ASSERT_TRUE(client.Connect());
+  }
+  Client client;
+};
+
+TEST_F(ClientTest, RequestsAreAnsweredInOrderWithTheirReqIdAndOnlyKnownCodesAct) {
+  EXPECT_EQ(client.Ask(70, REQ_ADD_OBSERVER_EVENT, 2), 0);
+  // Two requests in one write, then one request across two writes.
+  const std::string split = Request(73, REQ_DEL_OBSERVER_EVENT, 3);
+  ASSERT_TRUE(client.Send(Request(71, 50, 3) + Request(72, 53, 2) + split.substr(0, 7)));
+  std::this_thread::sleep_for(50ms);  // lets the service read the first part alone
+  ASSERT_TRUE(client.Send(split.substr(7)));
+  for (auto [reqId, result] : {std::pair{71u, -1}, {72u, -1}, {73u, 0}}) {
+    std::optional<Package> response = client.Next();
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->Word(0), reqId);
+    EXPECT_EQ(static_cast<int32_t>(response->Word(1)), result);
+  }
+  Publish(3);
+  client.ExpectEvent(Publish(2, "fork"));
+
+  EXPECT_EQ(client.Ask(74, REQ_DEL_OBSERVER_EVENT, 2), 0);
+  Publish(2);
+  // Had the unsubscribed event been queued, it would come before this answer.
+  EXPECT_EQ(client.Ask(75, REQ_ADD_OBSERVER_EVENT, 50001), 0);
+  client.ExpectEvent(Publish(50001));
+}
+
+TEST_F(ClientTest, TwoClientsReceiveTheSameEventsInPublishOrder) {
+  Client other;
+  ASSERT_TRUE(other.Connect());
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 6), 0);
+  ASSERT_EQ(other.Ask(1, REQ_ADD_OBSERVER_EVENT, 6), 0);
+  std::vector<std::string> published;
+  std::thread([&] {
+    for (int i = 0; i < 200; ++i) published.push_back(Publish(6, std::to_string(i)));
+  }).join();
+  for (const std::string& record : published) {
+    client.ExpectEvent(record);
+    other.ExpectEvent(record);
+  }
+}
+
+TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsClean) {
+  // Answered, so accepted: the listening socket, the client's and the service's end.
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 1), 0);
+  const std::set<std::string> connected = SocketFds();
+  ASSERT_EQ(connected.size(), 3u);
+  // More than the socket buffers hold, so some stays queued in the service.
+  for (int i = 0; i < 1000; ++i) Publish(1, std::string(100, 'q'));
+  client.Close();
+  ASSERT_TRUE(WaitUntil([] { return SocketFds().size() == 1; }));
+
+  Client next;
+  ASSERT_TRUE(next.Connect());
+  EXPECT_EQ(next.Ask(2, REQ_ADD_OBSERVER_EVENT, 7), 0);
+  EXPECT_EQ(SocketFds(), connected);
+  Publish(1);
+  next.ExpectEvent(Publish(7));
+}
+
+TEST(ClientDeathTest, MalformedPackagesAbortTheService) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto serveThenSend = [](const std::string& bytes) {
+    KeloBpfService::GetInstance()->start();
+    Client client;
+    if (client.Connect() && client.Send(bytes)) client.Next(60s);
+  };
+  EXPECT_DEATH(serveThenSend(Request(1, REQ_ADD_OBSERVER_EVENT, 4, 8)),
+               "Check failed: \\(\\(KeloReqIpcPackageHeader\\*\\)data\\)->dataSize == size - "
+               "sizeof\\(KeloReqIpcPackageHeader\\)");
+  std::string wrongSize = Request(1, REQ_ADD_OBSERVER_EVENT, 4);
+  wrongSize[8] = 99;  // the level-2 size field
+  EXPECT_DEATH(serveThenSend(wrongSize),
+               "Check failed: packagePtr->size == size - sizeof\\(KeloIpcSecondLevelPackageHeader\\)");
+}
+
+}  // namespace
+}  // namespace Bpf
+}  // namespace Kelo

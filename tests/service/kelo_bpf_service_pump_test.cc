@@ -1,0 +1,219 @@
+// The pumps against real ring buffers and status arrays pinned at the
+// service's paths; records are written into them from the kernel side.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <sstream>
+
+#include "helper/kelo_bpf_helper_strings.h"
+#include "service/kelo_bpf_state.h"
+#include "tests/service/kelo_bpf_service_test_support.h"
+#include "tests/support/bpf_fixture.h"
+#include "tests/support/log_capture.h"
+
+// The service is never destroyed and joins its threads only in Wait(): a
+// pump that ended, and the endpoint's loop after stop(), stay unjoined until
+// the process exits, as they do in the daemon.
+// On this host libbase keeps properties in a plain in-process map; a test
+// that declares the kernel side ready while the service polls the property
+// changes the value of an existing entry (see StartService) without a lock.
+extern "C" const char* __tsan_default_suppressions() {
+  return "thread:Kelo::Bpf::KeloBpfService::\n"
+         "thread:EpollManager::start\n"
+         "race:android::base::SetProperty\n";
+}
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+using namespace kelo_service_test;
+constexpr uint64_t ENABLED = KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL;
+
+class PumpTest : public ::testing::Test {
+ protected:
+  void StartService(bool ready = true) {
+    ASSERT_TRUE(kelo_test::MakeDirs(KeloBpfDataState::KELOTASK_DUMP_PATH));
+    // Set either way, so that a later SetReady only changes the entry's value.
+    SetReady(ready ? "1" : KeloBpfService::KELO_BPF_NOT_READY);
+    KeloBpfServiceConfig config;
+    config.beforeSeed = [this](int index) { seedFlags[index] = Flags(index); };
+    service = KeloBpfService::GetInstance(config);
+    service->start();
+    ASSERT_TRUE(client.Connect());
+  }
+  kelo_test::StatusArray* Status(int index) { return index == 0 ? rings->normalStatus.get() : rings->gplStatus.get(); }
+  kelo_test::RingBufferFixture* Ring(int index) { return index == 0 ? rings->normal.get() : rings->gpl.get(); }
+  uint64_t Flags(int index) { return Status(index)->Get(KELO_RB_STATUS_FLAGS); }
+  bool Inject(int index, const std::string& record) { return Ring(index)->Inject(record.data(), record.size()); }
+  bool Pumping(std::initializer_list<int> indexes = {0, 1}) {
+    return WaitUntil([&] {
+      for (int index : indexes) {
+        if (Flags(index) != ENABLED) return false;
+      }
+      return true;
+    });
+  }
+  // Count of one kind over the whole window, from a state file requested
+  // with signal 50; -1 when none was written.
+  static int Counted(int kind) {
+    unlink(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE);
+    kill(getpid(), 50);
+    std::string state;
+    if (!WaitUntil([&] {
+          return android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &state) &&
+                 !state.empty() && state.back() == '\n';
+        })) {
+      return -1;
+    }
+    int count = 0;  // a row: the sum of kinds 0 to 7, then kinds 0 to 8
+    std::istringstream rows(state.substr(state.find('\n') + 1));
+    for (std::string row; std::getline(rows, row);) count += std::stoi(Split(row, ", ").at(kind + 1));
+    return count;
+  }
+
+  kelo_test::LogCapture log;
+  std::unique_ptr<kelo_test::ServiceRingBuffers> rings = kelo_test::ServiceRingBuffers::Create();
+  std::atomic<uint64_t> seedFlags[2] = {};
+  KeloBpfService* service = nullptr;
+  Client client;
+};
+
+TEST_F(PumpTest, SocketServesBeforeReadinessAndPumpsEnableCoreBeforeSeedingNormalAfter) {
+  StartService(false);
+  EXPECT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
+  EXPECT_FALSE(HasThread(KeloBpfService::GPL_POLL_THREAD_NAME));
+  EXPECT_EQ(Flags(0), 0u);
+
+  SetReady("1");
+  ASSERT_TRUE(Pumping());
+  EXPECT_TRUE(HasThread(KeloBpfService::GPL_POLL_THREAD_NAME));
+  EXPECT_EQ(seedFlags[0], KELO_RB_FLAG_CORE);
+  EXPECT_EQ(seedFlags[1], KELO_RB_FLAG_CORE);
+}
+
+TEST_F(PumpTest, ValidTypesAreForwardedAndHigherTypesRefusedEndingThePoll) {
+  StartService();
+  for (int type : {0, 4, 5, 6, 7, 8}) ASSERT_EQ(client.Ask(type, REQ_ADD_OBSERVER_EVENT, type), 0);
+  ASSERT_TRUE(Pumping());
+  for (uint32_t type : {4u, 5u, 6u, 7u, 0u}) {
+    const std::string record = Record(type, std::string(type * 3, static_cast<char>('a' + type)));
+    ASSERT_TRUE(Inject(type % 2, record));
+    client.ExpectEvent(record);
+  }
+  EXPECT_FALSE(log.contains("Error ring buf poll"));
+
+  ASSERT_TRUE(Inject(0, Record(8)));
+  ASSERT_TRUE(Inject(0, Record(4, "after")));
+  client.ExpectEvent(Record(4, "after"));
+  EXPECT_TRUE(log.contains("[KeloBpfService] handleEvent ERROR!!! Type: 8"));
+  EXPECT_TRUE(log.contains("[KeloBpfService][eventMonitor] KELOBPF: ret -1 .Error ring buf poll. "));
+}
+
+TEST_F(PumpTest, WatchdogClearsOnlyTheFullBitAtMostEvery30SecondsUnlessForcedAndSwitchesOneBit) {
+  StartService();
+  ASSERT_TRUE(Pumping());
+  for (uint32_t key = KELO_RB_STATUS_AVAIL_DATA; key <= KELO_RB_STATUS_PROD_POS; ++key) Status(0)->Set(key, key * 11);
+  constexpr uint64_t OTHER_BIT = 0x80;
+  const auto setFull = [&] { Status(0)->Set(KELO_RB_STATUS_FLAGS, ENABLED | OTHER_BIT | KELO_RB_FLAG_FULL); };
+  const auto cleared = [&] { return Flags(0) == (ENABLED | OTHER_BIT); };
+
+  setFull();  // found by the first successful poll
+  ASSERT_TRUE(Inject(0, Record(5)));
+  ASSERT_TRUE(WaitUntil(cleared));
+  EXPECT_TRUE(log.contains("[KeloBpfService][checkBpfRingBuffStatus] bpf ringbuff full!"));
+  EXPECT_TRUE(log.contains("avail data: 11, ringbuf size: 22, cons pos: 33, prod pos: 44"));
+  setFull();  // found at once by a failed poll
+  ASSERT_TRUE(Inject(0, Record(9)));
+  ASSERT_TRUE(WaitUntil(cleared));
+  setFull();
+  EXPECT_TRUE(service->checkBpfRingBuffStatus(0, false));
+  EXPECT_FALSE(cleared());
+  EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));
+  EXPECT_TRUE(cleared());
+  EXPECT_FALSE(service->checkBpfRingBuffStatus(2, true));
+
+  EXPECT_TRUE(service->enableCoreBpf(1, false));
+  EXPECT_EQ(Flags(1), uint64_t{KELO_RB_FLAG_NORMAL});
+  EXPECT_TRUE(service->enableNormalBpf(0, false));
+  EXPECT_EQ(Flags(0), KELO_RB_FLAG_CORE | OTHER_BIT);
+  EXPECT_FALSE(service->enableCoreBpf(2, true));
+}
+
+TEST_F(PumpTest, SixthConsecutiveFailedPollEndsThePumpAndASuccessResetsTheCount) {
+  StartService();
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
+  ASSERT_TRUE(Pumping({1}));
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(Inject(1, Record(8)));
+  ASSERT_TRUE(Inject(1, Record(4)));
+  client.ExpectEvent(Record(4));
+  // That record's poll has returned once it is counted (index 8) after the
+  // five refused records (counted under their own type 8).
+  ASSERT_TRUE(WaitUntil([] { return Counted(KELO_EVENT_POLL_COUNT) == 6; }));
+
+  for (int i = 0; i < 6; ++i) ASSERT_TRUE(Inject(1, Record(8)));
+  ASSERT_TRUE(WaitUntil([] { return !HasThread(KeloBpfService::GPL_POLL_THREAD_NAME); }, 60s));
+  EXPECT_EQ(log.count("[KeloBpfService][gpleventMonitor] KELOBPF: ret -1 .Error ring buf poll."), 11);
+  EXPECT_TRUE(HasThread(KeloBpfService::POLL_THREAD_NAME));
+}
+
+TEST_F(PumpTest, DumpSignalsRunOnTheirOwnIdleThreadAndPumpsGoOn) {
+  StartService();
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
+  ASSERT_TRUE(Pumping());
+  for (int index : {0, 1, 0}) {
+    ASSERT_TRUE(Inject(index, Record(5)));
+    client.ExpectEvent(Record(5));
+  }
+  for (int signal = 51; signal <= 54; ++signal) ASSERT_EQ(kill(getpid(), signal), 0);
+  EXPECT_EQ(Counted(5), 3);
+  ASSERT_TRUE(Inject(0, Record(5, "later")));
+  client.ExpectEvent(Record(5, "later"));
+
+  const auto switches = [] {
+    const std::string status = ThreadStatus(KeloBpfService::DUMP_THREAD_NAME);
+    return status.substr(status.find("\nvoluntary_ctxt_switches:"), 40);
+  };
+  const std::string before = switches();
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(switches(), before);
+}
+
+TEST_F(PumpTest, StopThenWaitReturnsOnceEachPumpCompletedOnePoll) {
+  StartService();
+  ASSERT_TRUE(Pumping());
+  EXPECT_EQ(service->stop(), 0);
+  std::atomic<bool> waited{false};
+  std::thread waiter([&] { waited = service->Wait() == 0; });
+  ASSERT_TRUE(Inject(0, Record(4)));
+  ASSERT_TRUE(Inject(1, Record(4)));
+  const bool returned = WaitUntil([&] { return waited.load(); });
+  returned ? waiter.join() : waiter.detach();
+  ASSERT_TRUE(returned);
+  EXPECT_TRUE(log.contains("[KeloBpfService][eventMonitor] Stop Event Produce Thread..."));
+  EXPECT_TRUE(log.contains("[KeloBpfService][gpleventMonitor] Stop GPL Event Produce Thread..."));
+}
+
+class MissingRingBufferTest : public PumpTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(MissingRingBufferTest, FailsOnlyItsOwnPump) {
+  const int missing = GetParam();
+  const int working = 1 - missing;
+  ASSERT_EQ(unlink(Ring(missing)->path().c_str()), 0);
+  StartService();
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 6), 0);
+  ASSERT_TRUE(Pumping({working}));
+  ASSERT_TRUE(Inject(working, Record(6, "still flowing")));
+  client.ExpectEvent(Record(6, "still flowing"));
+  EXPECT_EQ(client.Ask(2, REQ_DEL_OBSERVER_EVENT, 6), 0);
+  EXPECT_TRUE(log.contains(std::string("[KeloBpfService][") + (missing == 0 ? "eventMonitor" : "gpleventMonitor") +
+                           "] KELOBPF: get ringbuf failed: No such file or directory, map fd: -1"));
+  EXPECT_EQ(Flags(missing), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachRing, MissingRingBufferTest, ::testing::Values(0, 1));
+
+}  // namespace
+}  // namespace Bpf
+}  // namespace Kelo
