@@ -148,6 +148,7 @@ bool EpollManager::notifyWriteEventReady(int fd) {
     KELO_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
     return false;
   }
+  ++it->second.notifies;
   if ((it->second.events & EPOLLOUT) != 0) return true;
   if (!EpollCtlMod(epollFd.get(), fd, it->second.events | EPOLLOUT)) {
     KELO_LOGE(name, "[EpollManager][notifyWriteEventReady] Epoll mod monitor failed, fd: %d, message: %s", fd,
@@ -160,6 +161,17 @@ bool EpollManager::notifyWriteEventReady(int fd) {
 
 bool EpollManager::markWriteEventFinish(int fd) {
   MutexLock lock(mutex);
+  return clearWriteInterest(fd);
+}
+
+bool EpollManager::finishWriteUnlessNotified(int fd, uint64_t notifiesBefore) {
+  MutexLock lock(mutex);
+  auto it = callbacks.find(fd);
+  if (it != callbacks.end() && it->second.notifies != notifiesBefore) return true;
+  return clearWriteInterest(fd);
+}
+
+bool EpollManager::clearWriteInterest(int fd) {
   auto it = callbacks.find(fd);
   if (it == callbacks.end()) {
     KELO_LOGE(name, "[EpollManager][markWriteEventFinish] the socket fd does not exist");
@@ -173,6 +185,12 @@ bool EpollManager::markWriteEventFinish(int fd) {
   }
   it->second.events &= ~static_cast<uint32_t>(EPOLLOUT);
   return true;
+}
+
+uint64_t EpollManager::notifyCountOf(int fd) {
+  MutexLock lock(mutex);
+  auto it = callbacks.find(fd);
+  return it == callbacks.end() ? 0 : it->second.notifies;
 }
 
 std::shared_ptr<const EpollCallback> EpollManager::lookupCallback(int fd) {
@@ -193,7 +211,8 @@ void EpollManager::dispatchEvent(const epoll_event& event) {
     if (EndsEventHandling(callback->readCallback(event))) return;
   }
   if ((event.events & EPOLLOUT) != 0 && callback->writeCallback) {
-    if (WriteFinished(callback->writeCallback(event)) && !markWriteEventFinish(fd)) {
+    const uint64_t notifiesBefore = notifyCountOf(fd);
+    if (WriteFinished(callback->writeCallback(event)) && !finishWriteUnlessNotified(fd, notifiesBefore)) {
       KELO_LOGE(name, "[EpollManager][mainThread] mark write event finish failed!");
     }
   }

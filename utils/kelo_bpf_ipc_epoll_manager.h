@@ -91,6 +91,14 @@ class EpollManager {
   // The callbacks of fd, creating an empty entry for a descriptor that has
   // none (the entry then stays in the table).
   std::shared_ptr<const EpollCallback> lookupCallback(int fd) EXCLUDES(mutex);
+  // Number of notifyWriteEventReady calls for fd so far.
+  uint64_t notifyCountOf(int fd) EXCLUDES(mutex);
+  // Drops write interest after a write callback found nothing left, unless a
+  // producer asked for it again since `notifiesBefore` was read: its data may
+  // have been queued after the callback looked, and dropping interest then
+  // would strand it until the next notification.
+  bool finishWriteUnlessNotified(int fd, uint64_t notifiesBefore) EXCLUDES(mutex);
+  bool clearWriteInterest(int fd) REQUIRES(mutex);
   void dispatchEvent(const epoll_event& event);
   void mainThread();
 
@@ -111,10 +119,11 @@ class EpollManager {
   std::vector<epoll_event> events;
   // One monitored descriptor. The callbacks are shared and never modified in
   // place, so a copy taken under the lock stays valid while it runs without
-  // it; `events` is the registered mask.
+  // it; `events` is the registered mask; `notifies` counts write requests.
   struct Monitored {
     std::shared_ptr<const EpollCallback> callback;
     uint32_t events = 0;
+    uint64_t notifies = 0;
   };
   std::map<int, Monitored> callbacks GUARDED_BY(mutex);
   std::function<int()> initFunc;

@@ -69,6 +69,24 @@ TEST_F(EpollManagerTest, ReadResultDecidesWhetherWriteRunsForTheSameEvent) {
   }
 }
 
+TEST_F(EpollManagerTest, RequestArrivingWhileTheWriterFindsNothingKeepsInterest) {
+  EpollManager manager(10, 32, nullptr, "ipc-test", Processors({0}), -1);
+  std::atomic<int> writes{0};
+  EpollCallback callback;
+  callback.writeCallback = [&](epoll_event event) {
+    // A producer queues and notifies after this writer has looked at its
+    // empty queue: the writer still reports nothing left.
+    if (writes++ == 0) manager.notifyWriteEventReady(event.data.fd);
+    return -3;
+  };
+  ASSERT_TRUE(manager.addMonitorFd(mine.get(), callback));
+  manager.start();
+  ASSERT_TRUE(manager.notifyWriteEventReady(mine.get()));
+  ASSERT_TRUE(WaitFor([&] { return writes == 2; })) << "the late request was stranded";
+  std::this_thread::sleep_for(QUIET_PERIOD);
+  EXPECT_EQ(writes, 2) << "interest dropped once nothing new was asked for";
+}
+
 TEST_F(EpollManagerTest, WriteInterestLastsUntilTheWriterHasNothingLeft) {
   EpollManager manager(10, 32, nullptr, "ipc-test", Processors({0}), -1);
   std::atomic<int> writes{0};
