@@ -1,0 +1,279 @@
+// kelobpfd: hosts the service on a development host, standing in for the
+// platform's daemon (and, with --load, for the platform's BPF loader).
+//
+//   kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]
+//
+// 1. Properties. There is no property service here: properties live in this
+//    process, so the daemon sets those the service reads. "ro.kernel.version"
+//    is the running kernel's "major.minor" (from uname); then every --prop is
+//    set in order, so --prop can override it or set
+//    "persist.sys.stability.bpfframework.disable".
+// 2. The service's directory /data/kelolog/stability/kelobpfframework is
+//    created with its parents (a device has the parents already).
+// 3. --load: the kernel program sets (from OBJDIR; default: the build tree's
+//    objects, else the installed ones) are loaded and pinned under
+//    /sys/fs/bpf/kelo. A program the kernel refuses is logged and left out; a
+//    whole set or pin that fails ends the daemon.
+// 4. BpfServiceMain() is called once. A disabled service ends the daemon.
+// 5. After --ready-delay seconds (default 0) "sys.kelo_bpf_ready" is set to
+//    "1", unless --no-ready: only then does the service attach and poll.
+// 6. It runs until SIGINT or SIGTERM.
+//
+// Clean exit: on SIGINT or SIGTERM the service is stopped and its producer
+// threads are joined through KeloBpfService::Wait(), waking them out of their
+// untimed ring-buffer polls (see kelo_bpf_daemon_stop.h). Files the service
+// wrote stay as they are. The process then ends with _exit: the service's
+// other threads (the client endpoint's loop, the dump thread) have no
+// shutdown of their own and must not see static objects destroyed under them.
+//
+// Signals 50 (state file) and 51 to 54 (task dumps) are the service's once
+// its producers run; before that they would end the daemon.
+//
+// Exit status: 0 after a clean exit, after a stop that came before the
+// service was made ready (nothing was attached), or when the service is
+// disabled; 1 when setting up failed or the producers did not end within
+// STOP_GRACE; 2 for bad usage.
+#include <android-base/properties.h>
+#include <getopt.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bpf/kelo_bpf_events.h"
+#include "service/kelo_bpf_service.h"
+#include "tools/kelo_bpf_daemon_log.h"
+#include "tools/kelo_bpf_daemon_stop.h"
+#include "tools/kelo_bpf_loader_lib.h"
+#include "utils/kelo_bpf_error_log.h"
+
+namespace {
+
+using namespace Kelo::Bpf;
+
+constexpr char USAGE[] =
+    "usage: kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]\n";
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_USAGE = 2;
+
+constexpr char KERNEL_VERSION_PROPERTY[] = "ro.kernel.version";
+constexpr char READY_VALUE[] = "1";
+// How long the producers get to leave their loops after a stop signal.
+constexpr std::chrono::milliseconds STOP_GRACE{10000};
+
+struct Options {
+  std::vector<std::pair<std::string, std::string>> properties;
+  bool load = false;
+  std::string objectDir;
+  double readyDelay = 0;
+  bool ready = true;
+};
+
+std::string DefaultObjectDir() {
+  struct stat st;
+  if (stat(KELO_BPF_OBJ_DIR "/kelo_bpf_normal.bpf.o", &st) == 0) return KELO_BPF_OBJ_DIR;
+  return KELO_BPF_INSTALL_DIR;
+}
+
+bool ParseOptions(int argc, char** argv, Options* options) {
+  static const option LONG_OPTIONS[] = {
+      {"prop", required_argument, nullptr, 'p'},        {"load", optional_argument, nullptr, 'l'},
+      {"ready-delay", required_argument, nullptr, 'r'}, {"no-ready", no_argument, nullptr, 'n'},
+      {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
+  };
+  options->objectDir = DefaultObjectDir();
+  int opt;
+  while ((opt = getopt_long(argc, argv, "p:r:h", LONG_OPTIONS, nullptr)) != -1) {
+    switch (opt) {
+      case 'p': {
+        const std::string assignment = optarg;
+        const size_t eq = assignment.find('=');
+        if (eq == std::string::npos || eq == 0) return false;
+        options->properties.emplace_back(assignment.substr(0, eq), assignment.substr(eq + 1));
+        break;
+      }
+      case 'l':
+        options->load = true;
+        if (optarg != nullptr) options->objectDir = optarg;
+        break;
+      case 'r': {
+        char* end = nullptr;
+        options->readyDelay = strtod(optarg, &end);
+        if (end == optarg || *end != '\0' || !std::isfinite(options->readyDelay) || options->readyDelay < 0) {
+          return false;
+        }
+        break;
+      }
+      case 'n':
+        options->ready = false;
+        break;
+      case 'h':
+        std::fputs(USAGE, stdout);
+        exit(EXIT_OK);
+      default:
+        return false;
+    }
+  }
+  return optind == argc;
+}
+
+// "major.minor" of the running kernel ("6.18" for "6.18.44-fc"), or "" when
+// the release does not start that way.
+std::string RunningKernelVersion() {
+  utsname name;
+  if (uname(&name) != 0) return "";
+  unsigned major = 0;
+  unsigned minor = 0;
+  if (sscanf(name.release, "%u.%u", &major, &minor) != 2) return "";
+  return std::to_string(major) + "." + std::to_string(minor);
+}
+
+bool SetProperties(const Options& options) {
+  std::vector<std::pair<std::string, std::string>> properties;
+  const std::string kernelVersion = RunningKernelVersion();
+  if (kernelVersion.empty()) {
+    KELO_LOGW(LOG_TAG_DAEMON, "[kelobpfd] Cannot tell the kernel version; %s stays unset", KERNEL_VERSION_PROPERTY);
+  } else {
+    properties.emplace_back(KERNEL_VERSION_PROPERTY, kernelVersion);
+  }
+  properties.insert(properties.end(), options.properties.begin(), options.properties.end());
+  for (const auto& [key, value] : properties) {
+    if (!android::base::SetProperty(key, value)) {
+      KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot set property %s=%s", key.c_str(), value.c_str());
+      return false;
+    }
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Property %s=%s", key.c_str(), value.c_str());
+  }
+  return true;
+}
+
+// mkdir -p; true when dir exists afterwards.
+bool MakeDirs(const std::string& dir) {
+  for (size_t slash = dir.find('/', 1); slash != std::string::npos; slash = dir.find('/', slash + 1)) {
+    mkdir(dir.substr(0, slash).c_str(), 0775);
+  }
+  mkdir(dir.c_str(), 0775);
+  struct stat st;
+  return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool LoadKernelSide(const std::string& objectDir) {
+  BpfLoadReport report;
+  const int failures = LoadAndPinBpfSets(DefaultBpfObjectSets(objectDir), KELO_BPF_FS_DIR, &report);
+  KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Pinned %zu programs and %zu maps from %s under %s",
+            report.pinnedPrograms.size(), report.pinnedMaps.size(), objectDir.c_str(), KELO_BPF_FS_DIR);
+  for (const std::string& line : report.failedPrograms) {
+    KELO_LOGW(LOG_TAG_DAEMON, "[kelobpfd] Program left out: %s", line.c_str());
+  }
+  for (const std::string& line : report.errors) {
+    KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Load failed: %s", line.c_str());
+  }
+  if (failures != 0) {
+    KELO_LOGW(LOG_TAG_DAEMON, "[kelobpfd] %d programs or pins failed", failures);
+  }
+  return report.errors.empty();
+}
+
+// Waits for SIGINT or SIGTERM (blocked in every thread) for at most
+// `seconds`, forever when negative; true when one arrived.
+bool WaitForStopSignal(const sigset_t& stopSignals, double seconds) {
+  while (true) {
+    int signal;
+    if (seconds < 0) {
+      signal = sigwaitinfo(&stopSignals, nullptr);
+    } else {
+      timespec timeout;
+      timeout.tv_sec = static_cast<time_t>(seconds);
+      timeout.tv_nsec = static_cast<long>((seconds - static_cast<double>(timeout.tv_sec)) * 1e9);
+      signal = sigtimedwait(&stopSignals, nullptr, &timeout);
+      if (signal < 0 && errno == EAGAIN) return false;
+    }
+    if (signal > 0) {
+      KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Stop requested by signal %d", signal);
+      return true;
+    }
+    // EINTR: some other signal's handler ran; keep waiting (a timed wait
+    // then restarts its full time-out, which only delays readiness).
+  }
+}
+
+int Run(const Options& options, const sigset_t& stopSignals) {
+  if (!SetProperties(options)) return EXIT_FAILED;
+  if (!MakeDirs(ERROR_LOG_DIR)) {
+    KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot create %s: %s", ERROR_LOG_DIR, strerror(errno));
+    return EXIT_FAILED;
+  }
+  if (options.load && !LoadKernelSide(options.objectDir)) return EXIT_FAILED;
+  if (WaitForStopSignal(stopSignals, 0)) return EXIT_OK;
+
+  if (!BpfServiceMain()) {
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service disabled; nothing to host");
+    return EXIT_OK;
+  }
+
+  bool declaredReady = false;
+  if (!options.ready || !WaitForStopSignal(stopSignals, options.readyDelay)) {
+    if (options.ready) {
+      if (!android::base::SetProperty(KeloBpfService::KELO_BPF_READY, READY_VALUE)) {
+        KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot set %s", KeloBpfService::KELO_BPF_READY);
+        return EXIT_FAILED;
+      }
+      declaredReady = true;
+      KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Ready: %s=%s", KeloBpfService::KELO_BPF_READY, READY_VALUE);
+    }
+    WaitForStopSignal(stopSignals, -1);
+  }
+
+  if (StopServiceAndJoin(STOP_GRACE)) {
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped, producers joined");
+    return EXIT_OK;
+  }
+  if (!declaredReady) {
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped before it was made ready");
+    return EXIT_OK;
+  }
+  KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Producers did not end within %lld ms",
+            static_cast<long long>(STOP_GRACE.count()));
+  return EXIT_FAILED;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, &options)) {
+    std::fputs(USAGE, stderr);
+    return EXIT_USAGE;
+  }
+
+  // Blocked before the service makes its threads, which inherit the mask: the
+  // stop signals are taken only by the waits above.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // A client that goes away while the service writes to it must cost only
+  // that connection (send then fails with EPIPE).
+  signal(SIGPIPE, SIG_IGN);
+  if (!InstallWakeHandler()) {
+    KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot install the wake handler: %s", strerror(errno));
+    return EXIT_FAILED;
+  }
+
+  const int status = Run(options, stopSignals);
+  fflush(nullptr);
+  _exit(status);
+}
