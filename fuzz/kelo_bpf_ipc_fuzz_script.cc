@@ -62,6 +62,7 @@ FuzzScript DecodeFuzzScript(const uint8_t* data, size_t size) {
   script.clientLoop = (setup & 4) != 0;
   script.compactReadBuffer = (setup & 8) == 0;
   script.emptyType2Handler = (setup & 16) != 0;
+  script.closeOnError = (setup & 32) != 0;
 
   // The largest level-2 payload whose frame fits the buffer.
   const uint32_t maxPayload = script.bufferSize - IPC_FRAME_HEADER_SIZE - SECOND_LEVEL_HEADER_SIZE;

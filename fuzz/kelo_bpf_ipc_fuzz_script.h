@@ -20,6 +20,8 @@
 //               handleSecondIpcPackage
 //     bit 3     do not compact the read buffer before each receive
 //     bit 4     register type 2 with an empty handler
+//     bit 5     close the connection when a receive or the readable hook
+//               fails, as the service asks (the peer then connects again)
 //   then ops until the input ends, each an op byte (low nibble: kind, high
 //   nibble: argument) and the kind's fields:
 //     0 request      u8 request code, u16 data length
@@ -80,6 +82,7 @@ struct FuzzScript {
   bool clientLoop = false;
   bool compactReadBuffer = true;
   bool emptyType2Handler = false;
+  bool closeOnError = false;
   std::vector<FuzzOp> ops;
 };
 

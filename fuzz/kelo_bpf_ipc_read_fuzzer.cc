@@ -1,6 +1,7 @@
 // Fuzzes the receiving side of the package protocol as the service runs it:
-// a server UnixIpcManager receives from a real Unix stream socket into a
-// connection's read buffer (compacting it first, as the service asks), its
+// a server UnixIpcManager accepts a real Unix stream connection and receives
+// into the connection's read buffer (compacting it first and closing the
+// connection on errors when the input asks for the service's settings), its
 // readable hook frames the buffer with CheckIpcPackageComplete and
 // dispatches level-2 packages through IpcPackageHandler, requests are
 // answered through an IpcPackageManager queue, and responses go to
@@ -16,13 +17,16 @@
 // the stream it was given, and aborts with "read fuzzer oracle: ..." when
 // they disagree: every handled frame arrives whole, once, in order, at a
 // frame boundary; frames are lost only when the reader drops its buffer
-// (damage, a handler's -1, a failed receive, a full uncompacted buffer);
+// (damage, a handler's -1, a failed receive, a full uncompacted buffer) or
+// the connection (the last two with closing on errors);
 // damage is recorded once per damaged length in the error log; a response
 // reaches exactly the callback registered for its id; every request is
 // answered in order; no whole frame is left unread at the end.
 //
 // When the reader drops its buffer in the middle of an item, the harness
-// takes the rest of that item out of the socket or never writes it: a reader
+// takes the rest of that item out of the socket or never writes it, and
+// after a closed connection the peer connects again and goes on with the
+// next item: a reader
 // that went on with it would take payload bytes for lengths, and such frames
 // end in the reader's fatal size checks, which abort on purpose and would
 // hide real faults.
@@ -35,9 +39,11 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -77,7 +83,8 @@ constexpr size_t MAX_BYTES_IN_SOCKET = 64 * 1024;
 // that getReqId hands out.
 constexpr uint32_t UNREGISTERED_ID_BASE = 0x80000000;
 constexpr char MANAGER_NAME[] = "BpfFuzzTr";
-constexpr char UNUSED_SOCKET_NAME[] = "kelo_read_fuzzer";
+// Private to the sandbox's network namespace.
+constexpr char SOCKET_NAME[] = "kelo_read_fuzzer";
 
 #define ORACLE(cond, ...)                                   \
   do {                                                      \
@@ -126,15 +133,11 @@ class ReadPathHarness {
  public:
   explicit ReadPathHarness(const FuzzScript& script)
       : script_(script),
-        manager_(true, static_cast<int>(script.bufferSize), UNUSED_SOCKET_NAME, hooks(), MANAGER_NAME,
-                 FirstProcessor(), 1, 1),
+        manager_(true, static_cast<int>(script.bufferSize), SOCKET_NAME, hooks(), MANAGER_NAME, FirstProcessor(), 1,
+                 1),
         packageHandler_(handlers()) {
-    int ends[2];
-    ORACLE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "socketpair: %s", strerror(errno));
-    serverEnd_.reset(ends[0]);
-    peerEnd_.reset(ends[1]);
-    ORACLE(Setnonblocking(serverEnd_.get()), "Setnonblocking: %s", strerror(errno));
-    manager_.allocateReadBufferForFd(serverEnd_.get());
+    ORACLE(manager_.createServer(), "createServer failed");
+    connectPeer();
   }
 
   void run() {
@@ -162,9 +165,12 @@ class ReadPathHarness {
   IpcHandlerState hooks() {
     IpcHandlerState state;
     state.compactReadBuffer = script_.compactReadBuffer;
-    // Errors must leave the connection to the harness.
-    state.closeOnError = false;
+    state.closeOnError = script_.closeOnError;
     state.onReadable = [this](int fd, BufferState* readBuffer) { return onReadable(fd, readBuffer); };
+    state.onConnection = [this](int fd) {
+      serverFd_ = fd;
+      return 0;
+    };
     return state;
   }
 
@@ -264,6 +270,20 @@ class ReadPathHarness {
 
   // ---- Delivering it.
 
+  // A new connection, accepted by the manager as its worker would on a
+  // readable listening socket.
+  void connectPeer() {
+    peerEnd_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path + 1, SOCKET_NAME, strlen(SOCKET_NAME));
+    const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + strlen(SOCKET_NAME));
+    ORACLE(connect(peerEnd_.get(), reinterpret_cast<sockaddr*>(&addr), length) == 0, "connect: %s", strerror(errno));
+    serverFd_ = -1;
+    ORACLE(manager_.onServerReadableCallback(epoll_event{}) == 1 && serverFd_ != -1, "the manager did not accept");
+    readBuffer_ = nullptr;
+  }
+
   bool pending() const { return sent_ < stream_.size() || inSocket_ != 0; }
 
   // Writes the next bytes into the socket, unless told to write nothing, and
@@ -305,11 +325,21 @@ class ReadPathHarness {
     handlerFailed_ = false;
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.fd = serverEnd_.get();
+    event.data.fd = serverFd_;
     const int result = manager_.onClientReadableCallback(event);
-    ORACLE(result == (received == 0 ? -1 : 0), "readable callback returned %d", result);
+    const bool failed = received == 0 || handlerFailed_;
+    const int expected = failed && script_.closeOnError ? -2 : received == 0 ? -1 : 0;
+    ORACLE(result == expected, "readable callback returned %d, expected %d", result, expected);
+    if (failed && script_.closeOnError) {
+      // The bytes still in the old connection are gone with it.
+      connectPeer();
+      sent_ -= inSocket_;
+      inSocket_ = 0;
+      resync();
+      return;
+    }
     int left = 0;
-    ORACLE(ioctl(serverEnd_.get(), FIONREAD, &left) == 0 && static_cast<size_t>(left) == inSocket_,
+    ORACLE(ioctl(serverFd_, FIONREAD, &left) == 0 && static_cast<size_t>(left) == inSocket_,
            "a receive with %zu bytes free left %d bytes of %zu in the socket", free, left, inSocket_ + received);
 
     // Nothing the reader does besides dropping the buffer empties a buffer
@@ -329,7 +359,7 @@ class ReadPathHarness {
     size_t skip = std::min(resume - readerEnd, inSocket_);
     while (skip != 0) {
       char scratch[4096];
-      const ssize_t got = recv(serverEnd_.get(), scratch, std::min(skip, sizeof(scratch)), MSG_DONTWAIT);
+      const ssize_t got = recv(serverFd_, scratch, std::min(skip, sizeof(scratch)), MSG_DONTWAIT);
       ORACLE(got > 0, "skipping bytes in the socket failed: %s", strerror(errno));
       skip -= static_cast<size_t>(got);
       inSocket_ -= static_cast<size_t>(got);
@@ -462,7 +492,7 @@ class ReadPathHarness {
     ORACLE(shutdown(peerEnd_.get(), SHUT_WR) == 0, "shutdown: %s", strerror(errno));
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP;
-    event.data.fd = serverEnd_.get();
+    event.data.fd = serverFd_;
     const int result = manager_.onClientReadableCallback(event);
     ORACLE(result == -3, "a receive after the peer closed returned %d", result);
   }
@@ -513,7 +543,8 @@ class ReadPathHarness {
   IpcPackageHandler packageHandler_;
   IpcReqCallBackManager callbacks_;
   IpcPackageManager responses_;
-  android::base::unique_fd serverEnd_;
+  // The accepted connection (owned by the manager) and the peer's end.
+  int serverFd_ = -1;
   android::base::unique_fd peerEnd_;
 
   // The peer's side: every byte it means to write, and its items in order.

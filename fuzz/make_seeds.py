@@ -13,9 +13,9 @@ BUFFER_SIZES = {32768: 0, 4096: 1, 256: 2, 24: 3}
 RESULTS = {0: 0, 1: 12, -2: 13, -3: 14, -1: 15}
 
 
-def setup(buffer_size=32768, client_loop=False, compact=True, empty_type2=False):
+def setup(buffer_size=32768, client_loop=False, compact=True, empty_type2=False, close_on_error=False):
     return bytes([BUFFER_SIZES[buffer_size] | (4 if client_loop else 0) | (0 if compact else 8) |
-                  (16 if empty_type2 else 0)])
+                  (16 if empty_type2 else 0) | (32 if close_on_error else 0)])
 
 
 def op(kind, result=0):
@@ -95,6 +95,10 @@ SEEDS = {
     # event with nothing to receive drops a partial frame.
     'handler_failure_and_spurious': setup() + EVENT + app(3, 40, result=-1) + EVENT + request(51, result=-2) +
     deliver() + EVENT + deliver(20) + spurious() + EVENT + deliver(),
+    # The service's settings: a handler failure and a failed receive close
+    # the connection, and the client connects again.
+    'service_settings_close_on_error': setup(close_on_error=True) + EVENT + app(3, 40, result=-1) + EVENT +
+    deliver() + EVENT * 2 + deliver(70) + spurious() + request(52) + deliver(),
     # A small buffer without compaction fills up and is reset.
     'uncompacted_small_buffer': setup(buffer_size=256, compact=False) + EVENT * 12 + deliver(100) + deliver(100) +
     deliver(100) + deliver(),
