@@ -170,7 +170,7 @@ failed_kretprobe=$(grep -c "Attach kretprobe prog failed" "$daemon_log" || true)
 failed_tracepoint=$(grep -c "Attach tracepoint prog failed" "$daemon_log" || true)
 echo "attachments: $tried tried; failed: kprobe $failed_kprobe, kretprobe $failed_kretprobe, tracepoint $failed_tracepoint"
 grep -o "Attach [a-z]* prog failed: .*" "$daemon_log" | sed 's/^/  /' || true
-grep -o "\[KeloBpfService\]\[[a-z]*\] Attach all kelo bpf error: [0-9]*" "$daemon_log" | sed 's/^/  /' || true
+grep -o "\[KeloBpfService\]\[[a-zA-Z]*\] Attach all kelo bpf error: [0-9]*" "$daemon_log" | sed 's/^/  /' || true
 echo "state file: $([ "$state_written" = 1 ] && echo "written ($data${state_file#/data})" || echo MISSING)"
 echo "client exit status: $client_status; daemon exit status: $daemon_status"
 

@@ -7,7 +7,9 @@
 //    process, so the daemon sets those the service reads. "ro.kernel.version"
 //    is the running kernel's "major.minor" (from uname); then every --prop is
 //    set in order, so --prop can override it or set
-//    "persist.sys.stability.bpfframework.disable".
+//    "persist.sys.stability.bpfframework.disable". The host's property store
+//    has no lock, so everything is set before the service's threads exist,
+//    readiness included when it is due at once (see 5).
 // 2. The service's directory /data/kelolog/stability/kelobpfframework is
 //    created with its parents (a device has the parents already).
 // 3. --load: the kernel program sets (from OBJDIR; default: the build tree's
@@ -17,6 +19,10 @@
 // 4. BpfServiceMain() is called once. A disabled service ends the daemon.
 // 5. After --ready-delay seconds (default 0) "sys.kelo_bpf_ready" is set to
 //    "1", unless --no-ready: only then does the service attach and poll.
+//    With a delay it is set to "0" at first and rewritten in place later,
+//    while the service reads it: an unsynchronised write inside the host's
+//    property store, which ThreadSanitizer reports. Without a delay it is
+//    set before the service starts.
 // 6. It runs until SIGINT or SIGTERM.
 //
 // Clean exit: on SIGINT or SIGTERM the service is stopped and its producer
@@ -70,6 +76,7 @@ constexpr int EXIT_USAGE = 2;
 
 constexpr char KERNEL_VERSION_PROPERTY[] = "ro.kernel.version";
 constexpr char READY_VALUE[] = "1";
+constexpr char NOT_READY_VALUE[] = "0";
 // How long the producers get to leave their loops after a stop signal.
 constexpr std::chrono::milliseconds STOP_GRACE{10000};
 
@@ -140,7 +147,20 @@ std::string RunningKernelVersion() {
   return std::to_string(major) + "." + std::to_string(minor);
 }
 
-bool SetProperties(const Options& options) {
+bool SetProperty(const std::string& key, const std::string& value) {
+  if (!android::base::SetProperty(key, value)) {
+    KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot set property %s=%s", key.c_str(), value.c_str());
+    return false;
+  }
+  KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Property %s=%s", key.c_str(), value.c_str());
+  return true;
+}
+
+// Readiness is due as soon as the service starts.
+bool ReadyAtStart(const Options& options) { return options.ready && options.readyDelay == 0; }
+
+// Everything set before the service starts (see 1 and 5 above).
+bool SetStartProperties(const Options& options) {
   std::vector<std::pair<std::string, std::string>> properties;
   const std::string kernelVersion = RunningKernelVersion();
   if (kernelVersion.empty()) {
@@ -148,13 +168,12 @@ bool SetProperties(const Options& options) {
   } else {
     properties.emplace_back(KERNEL_VERSION_PROPERTY, kernelVersion);
   }
+  if (options.ready) {
+    properties.emplace_back(KeloBpfService::KELO_BPF_READY, ReadyAtStart(options) ? READY_VALUE : NOT_READY_VALUE);
+  }
   properties.insert(properties.end(), options.properties.begin(), options.properties.end());
   for (const auto& [key, value] : properties) {
-    if (!android::base::SetProperty(key, value)) {
-      KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot set property %s=%s", key.c_str(), value.c_str());
-      return false;
-    }
-    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Property %s=%s", key.c_str(), value.c_str());
+    if (!SetProperty(key, value)) return false;
   }
   return true;
 }
@@ -210,7 +229,7 @@ bool WaitForStopSignal(const sigset_t& stopSignals, double seconds) {
 }
 
 int Run(const Options& options, const sigset_t& stopSignals) {
-  if (!SetProperties(options)) return EXIT_FAILED;
+  if (!SetStartProperties(options)) return EXIT_FAILED;
   if (!MakeDirs(ERROR_LOG_DIR)) {
     KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot create %s: %s", ERROR_LOG_DIR, strerror(errno));
     return EXIT_FAILED;
@@ -223,25 +242,28 @@ int Run(const Options& options, const sigset_t& stopSignals) {
     return EXIT_OK;
   }
 
-  bool declaredReady = false;
-  if (!options.ready || !WaitForStopSignal(stopSignals, options.readyDelay)) {
-    if (options.ready) {
-      if (!android::base::SetProperty(KeloBpfService::KELO_BPF_READY, READY_VALUE)) {
-        KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot set %s", KeloBpfService::KELO_BPF_READY);
-        return EXIT_FAILED;
-      }
+  bool declaredReady = ReadyAtStart(options);
+  bool stopRequested = false;
+  if (options.ready && !declaredReady) {
+    stopRequested = WaitForStopSignal(stopSignals, options.readyDelay);
+    if (!stopRequested) {
+      if (!SetProperty(KeloBpfService::KELO_BPF_READY, READY_VALUE)) return EXIT_FAILED;
       declaredReady = true;
-      KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Ready: %s=%s", KeloBpfService::KELO_BPF_READY, READY_VALUE);
     }
-    WaitForStopSignal(stopSignals, -1);
   }
+  if (declaredReady) KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Ready");
+  if (!stopRequested) WaitForStopSignal(stopSignals, -1);
 
-  if (StopServiceAndJoin(STOP_GRACE)) {
-    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped, producers joined");
+  // Read back, as the service reads it: --prop may have set it too.
+  if (android::base::GetProperty(KeloBpfService::KELO_BPF_READY, NOT_READY_VALUE) == NOT_READY_VALUE) {
+    // The producers sleep in their readiness wait: nothing was attached and
+    // there is nothing to join.
+    KeloBpfService::GetInstance()->stop();
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped before it was made ready");
     return EXIT_OK;
   }
-  if (!declaredReady) {
-    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped before it was made ready");
+  if (StopServiceAndJoin(STOP_GRACE)) {
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped, producers joined");
     return EXIT_OK;
   }
   KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Producers did not end within %lld ms",

@@ -1,0 +1,64 @@
+// The client tool's decoding of event records.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "bpf/kelo_bpf_events.h"
+#include "tools/kelo_bpf_client_format.h"
+
+namespace {
+
+using Kelo::Bpf::FormatClientEvent;
+
+// The record placed one byte into a buffer, as it may sit in a package.
+template <typename Record>
+std::string Misaligned(const Record& record) {
+  std::string buffer(sizeof(record) + 1, '\0');
+  memcpy(buffer.data() + 1, &record, sizeof(record));
+  return buffer;
+}
+
+std::string Format(const std::string& misaligned) { return FormatClientEvent(misaligned.data() + 1, misaligned.size() - 1); }
+
+TEST(ClientFormat, DecodesRawAndDerivedRecordsAtAnyAlignment) {
+  kelo_task_create_event fork{};
+  fork.header.type = KELO_EVENT_TASK_CREATE;
+  fork.header.ts = 81234567890123ULL;
+  fork.ppid = 1;
+  fork.pid = 123;
+  memcpy(fork.comm, "bash", 4);
+  fork.kind = KELO_TASK_KIND_PROCESS;
+  EXPECT_EQ(Format(Misaligned(fork)), "fork ts=81234567890123 pid=123 ppid=1 uid=0 comm=bash kind=process");
+
+  kelo_rss_change_client_event rss{};
+  rss.type = KELO_CLIENT_EVENT_RSS_CHANGE;
+  rss.pid = 7;
+  memcpy(rss.comm, "0123456789abcdef", KELO_COMM_LEN);  // all 16 bytes, no NUL
+  rss.rss[KELO_RSS_ANON] = 1LL << 40;
+  rss.rss_old[KELO_RSS_SHMEM] = -1;
+  EXPECT_EQ(Format(Misaligned(rss)),
+            "rss_change pid=7 ppid=0 uid=0 comm=0123456789abcdef file=0 anon=1099511627776 swap=0 shmem=0 "
+            "old_file=0 old_anon=0 old_swap=0 old_shmem=-1");
+}
+
+TEST(ClientFormat, KeepsLinesSplittableAndNamesUnknownValues) {
+  kelo_task_exit_event exit{};
+  exit.header.type = KELO_EVENT_TASK_EXIT;
+  exit.pid = 9;
+  memcpy(exit.comm, "Web Content\t", 12);
+  exit.kind = 7;
+  EXPECT_EQ(Format(Misaligned(exit)), "exit ts=0 pid=9 comm=Web\\x20Content\\x09 kind=unknown(7)");
+}
+
+TEST(ClientFormat, DumpsShortAndUnknownRecords) {
+  const uint32_t shortFork[] = {KELO_EVENT_TASK_CREATE, 0xabcdef01};
+  EXPECT_EQ(FormatClientEvent(reinterpret_cast<const char*>(shortFork), sizeof(shortFork)),
+            "fork short record size=8 bytes=02 00 00 00 01 ef cd ab");
+  const uint32_t unknown[] = {42};
+  EXPECT_EQ(FormatClientEvent(reinterpret_cast<const char*>(unknown), sizeof(unknown)),
+            "unknown type=42 size=4 bytes=2a 00 00 00");
+  EXPECT_EQ(FormatClientEvent("\x05\x06", 2), "unknown size=2 bytes=05 06");
+}
+
+}  // namespace
