@@ -7,9 +7,9 @@
 // interrupts them: it sends WAKE_SIGNAL (handled by a handler that does
 // nothing, so the poll returns EINTR and the producer re-checks the flag)
 // to each producer thread, found by its thread name, until KeloBpfService's
-// Wait() has joined both. A producer that never got the readiness property
-// sleeps in its readiness wait and cannot be joined; it holds nothing that
-// needs releasing.
+// Wait() has joined both. This is for a service that was made ready: a
+// producer that never saw the readiness property sleeps in its readiness
+// wait and cannot be joined (it holds nothing that needs releasing).
 #pragma once
 
 #include <signal.h>
