@@ -30,7 +30,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds="${2:?--seconds needs a value}"; shift 2 ;;
     --seconds=*) seconds="${1#--seconds=}"; shift ;;
-    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,/^set -euo/{/^#/p}' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_live: unknown argument $1" >&2; exit 2 ;;
   esac
 done
