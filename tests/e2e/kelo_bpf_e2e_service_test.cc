@@ -65,9 +65,13 @@ TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
   EXPECT_EQ(fork.As<kelo_task_create_event>().ppid, getpid());
   EXPECT_EQ(packages[*exitOf()].record.size(), sizeof(kelo_task_exit_event));
   EXPECT_LT(*forkOf(), *exitOf());
-  // Each subscription is confirmed before any event of its type arrives.
+  // Each subscription is confirmed, under the id its request carried (ids
+  // are handed out from 0 in the order of the types), before any event of
+  // its type arrives.
   EXPECT_EQ(packages[*responseTo(KELO_EVENT_TASK_CREATE)].result, 0);
+  EXPECT_EQ(packages[*responseTo(KELO_EVENT_TASK_CREATE)].reqId, 0u);
   EXPECT_EQ(packages[*responseTo(KELO_EVENT_TASK_EXIT)].result, 0);
+  EXPECT_EQ(packages[*responseTo(KELO_EVENT_TASK_EXIT)].reqId, 1u);
   EXPECT_LT(*responseTo(KELO_EVENT_TASK_CREATE),
             *client.Find([](const Received& p) { return !p.response && p.type == KELO_EVENT_TASK_CREATE; }));
   EXPECT_LT(*responseTo(KELO_EVENT_TASK_EXIT),

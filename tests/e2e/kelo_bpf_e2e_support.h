@@ -84,8 +84,9 @@ inline pid_t ForkAndReapChild() {
 // One package as the subscriber received it.
 struct Received {
   bool response = false;
-  int type = 0;     // subscribed type (response) or record type (event)
-  int result = 0;   // response only
+  int type = 0;        // subscribed type (response) or record type (event)
+  uint32_t reqId = 0;  // response only
+  int result = 0;      // response only
   std::string record;  // event only
 
   template <typename Record>
@@ -121,11 +122,11 @@ class RecordingClient {
  private:
   Kelo::Bpf::KeloBpfClientCallbacks Callbacks() {
     Kelo::Bpf::KeloBpfClientCallbacks callbacks;
-    callbacks.onResponse = [this](uint32_t, int type, int result) { Add({true, type, result, {}}); };
+    callbacks.onResponse = [this](uint32_t reqId, int type, int result) { Add({true, type, reqId, result, {}}); };
     callbacks.onEvent = [this](const char* record, uint32_t size) {
       uint32_t type = 0;
       if (size >= sizeof(type)) memcpy(&type, record, sizeof(type));
-      Add({false, static_cast<int>(type), 0, std::string(record, size)});
+      Add({false, static_cast<int>(type), 0, 0, std::string(record, size)});
     };
     return callbacks;
   }
