@@ -39,7 +39,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "read in signal context");
 void RequestDump(int signal) {
   const int savedErrno = errno;
   const unsigned char request = static_cast<unsigned char>(signal);
-  const int fd = dumpRequestFd.load(std::memory_order_relaxed);
+  const int fd = dumpRequestFd.load(std::memory_order_acquire);
   // Non-blocking: with the pipe full, the request is dropped rather than the
   // interrupted thread stalled.
   if (fd >= 0) {
@@ -112,7 +112,7 @@ void KeloBpfService::InstallDumpSignalHandlers() {
     requests->readEnd.reset(ends[0]);
     requests->writeEnd.reset(ends[1]);
     fcntl(requests->writeEnd.get(), F_SETFL, O_NONBLOCK);
-    dumpRequestFd.store(requests->writeEnd.get());
+    dumpRequestFd.store(requests->writeEnd.get(), std::memory_order_release);
 
     try {
       std::thread(DumpThread, requests->readEnd.get()).detach();
