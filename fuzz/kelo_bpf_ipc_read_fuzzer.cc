@@ -17,8 +17,8 @@
 // the stream it was given, and aborts with "read fuzzer oracle: ..." when
 // they disagree: every handled frame arrives whole, once, in order, at a
 // frame boundary; frames are lost only when the reader drops its buffer
-// (damage, a handler's -1, a failed receive, a full uncompacted buffer) or
-// the connection (the last two with closing on errors);
+// (damage, a handler's -1, a failed receive, a full uncompacted buffer) or,
+// closing on errors, the connection (a handler's -1, a failed receive);
 // damage is recorded once per damaged length in the error log; a response
 // reaches exactly the callback registered for its id; every request is
 // answered in order; no whole frame is left unread at the end.
@@ -26,10 +26,9 @@
 // When the reader drops its buffer in the middle of an item, the harness
 // takes the rest of that item out of the socket or never writes it, and
 // after a closed connection the peer connects again and goes on with the
-// next item: a reader
-// that went on with it would take payload bytes for lengths, and such frames
-// end in the reader's fatal size checks, which abort on purpose and would
-// hide real faults.
+// next item. A reader that went on with the rest would take payload bytes
+// for lengths, and such frames end in the reader's fatal size checks, which
+// abort on purpose and would hide real faults.
 //
 // The reader's error log lives under /data: run only inside
 // scripts/sandbox.sh, which mounts a private tmpfs there.
@@ -52,7 +51,6 @@
 #include <iterator>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
