@@ -9,13 +9,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -27,6 +26,7 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/process.h"
 
 namespace kelo_test {
 namespace {
@@ -34,37 +34,20 @@ namespace {
 using android::base::unique_fd;
 using Bytes = std::vector<uint8_t>;
 
-constexpr char kDir[] = "/sys/fs/bpf/kelo";
+std::string Pinned(const std::string& name) { return std::string(KELO_BPF_FS_DIR) + "/" + name; }
 
-std::string Pinned(const char* name) {
-  return std::string(kDir) + "/" + name;
-}
-
+// Records of one type whose decoded form satisfies pred.
 template <typename T>
-T As(const Bytes& bytes) {
-  T record{};
-  EXPECT_EQ(bytes.size(), sizeof(T));
-  std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof(T)));
-  return record;
-}
-
-uint32_t TypeOf(const Bytes& bytes) {
-  uint32_t type = UINT32_MAX;
-  if (bytes.size() >= sizeof(type)) {
-    std::memcpy(&type, bytes.data(), sizeof(type));
-  }
-  return type;
-}
-
-// Records of one type that satisfy pred, decoded.
-template <typename T>
-std::vector<T> Matching(const std::vector<Bytes>& records, uint32_t type,
-                        const std::function<bool(const T&)>& pred) {
+std::vector<T> Matching(const std::vector<Bytes>& records, uint32_t type, const std::function<bool(const T&)>& pred) {
   std::vector<T> out;
   for (const Bytes& bytes : records) {
-    if (TypeOf(bytes) == type && pred(As<T>(bytes))) {
-      out.push_back(As<T>(bytes));
-    }
+    T record{};
+    uint32_t recordType = UINT32_MAX;
+    if (bytes.size() >= sizeof(recordType)) memcpy(&recordType, bytes.data(), sizeof(recordType));
+    if (recordType != type) continue;
+    EXPECT_EQ(bytes.size(), sizeof(T));
+    memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof(T)));
+    if (pred(record)) out.push_back(record);
   }
   return out;
 }
@@ -75,6 +58,8 @@ std::string OwnComm() {
   std::getline(in, comm);
   return comm;
 }
+
+std::string CommOf(const char (&comm)[KELO_COMM_LEN]) { return std::string(comm, strnlen(comm, KELO_COMM_LEN)); }
 
 uint64_t MonotonicNs() {
   timespec ts;
@@ -89,49 +74,30 @@ bool LeaderIsZombie() {
   snprintf(path, sizeof(path), "/proc/%d/task/%d/stat", getpid(), getpid());
   unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
   char buf[512];
-  ssize_t n = fd.ok() ? read(fd.get(), buf, sizeof(buf) - 1) : -1;
-  if (n <= 0) {
-    return false;
-  }
+  const ssize_t n = fd.ok() ? read(fd.get(), buf, sizeof(buf) - 1) : -1;
+  if (n <= 0) return false;
   buf[n] = '\0';
   const char* end = strrchr(buf, ')');
   return end != nullptr && end[1] == ' ' && end[2] == 'Z';
-}
-
-// Forks a child that runs body (default: nothing) and exits; returns its pid
-// once it has been reaped.
-pid_t RunChild(const std::function<void()>& body = [] {}) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    body();
-    _exit(0);
-  }
-  EXPECT_GT(pid, 0) << std::strerror(errno);
-  int status = 0;
-  EXPECT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  return pid;
 }
 
 // One program set as the service sees it: its pinned ring buffer drained
 // through libbpf, its status array, and attachments made by pinned name.
 class ProgramSet {
  public:
-  explicit ProgramSet(const std::string& defineset) : defineset_(defineset) {}
+  explicit ProgramSet(std::string defineset) : defineset_(std::move(defineset)) {}
 
   void Open() {
-    ring_.reset(bpf_obj_get(Pinned(("map_" + defineset_ + "_ringbuf_map").c_str()).c_str()));
+    ring_.reset(bpf_obj_get(Pinned("map_" + defineset_ + "_ringbuf_map").c_str()));
     ASSERT_GE(ring_.get(), 0) << std::strerror(errno);
     reader = RingBufferReader::Create(ring_.get());
-    ASSERT_NE(reader, nullptr);
-    status = StatusArray::Open(Pinned(("map_" + defineset_ + "_ringbuf_status").c_str()));
-    ASSERT_NE(status, nullptr);
+    status = StatusArray::Open(Pinned("map_" + defineset_ + "_ringbuf_status"));
+    ASSERT_TRUE(reader && status);
   }
 
   // Attaches prog_<set>_tracepoint_<category>_<event> to category:event.
   void AttachTracepoint(const std::string& category, const std::string& event) {
-    std::string path =
-        Pinned(("prog_" + defineset_ + "_tracepoint_" + category + "_" + event).c_str());
+    const std::string path = Pinned("prog_" + defineset_ + "_tracepoint_" + category + "_" + event);
     unique_fd prog(bpf_obj_get(path.c_str()));
     ASSERT_GE(prog.get(), 0) << path << ": " << std::strerror(errno);
     unique_fd link(bpf_attach_tracepoint(prog.get(), category.c_str(), event.c_str()));
@@ -145,7 +111,7 @@ class ProgramSet {
   std::unique_ptr<StatusArray> status;
 
  private:
-  std::string defineset_;
+  const std::string defineset_;
   unique_fd ring_;
   std::vector<unique_fd> attachments_;
 };
@@ -153,7 +119,7 @@ class ProgramSet {
 class KeloBpfProgramsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(LoadAndPinPrograms(kDir));
+    ASSERT_TRUE(LoadAndPinPrograms());
     ASSERT_NO_FATAL_FAILURE(normal.Open());
     ASSERT_NO_FATAL_FAILURE(gpl.Open());
   }
@@ -162,24 +128,27 @@ class KeloBpfProgramsTest : public ::testing::Test {
   ProgramSet gpl{KELO_BPF_GPL_DEFINESET};
 };
 
-TEST_F(KeloBpfProgramsTest, ForkOfAProcessIsReportedOnlyWhileCoreEventsAreEnabled) {
+TEST_F(KeloBpfProgramsTest, ForksAreReportedOnlyWithTheCoreFlagThreadsAgainstTheirProcess) {
   ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_fork"));
-
-  RunChild();
-  EXPECT_TRUE(normal.reader->Drain().empty()) << "records with every flag clear";
-  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_NORMAL));
-  RunChild();
-  EXPECT_TRUE(normal.reader->Drain().empty()) << "core events without the core flag";
+  for (const uint64_t flags : {uint64_t{0}, uint64_t{KELO_RB_FLAG_NORMAL}}) {
+    ASSERT_NO_FATAL_FAILURE(normal.SetFlags(flags));
+    RunChild();
+    EXPECT_TRUE(normal.reader->Drain().empty()) << "records with flags " << flags;
+  }
 
   ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
-  uint64_t before = MonotonicNs();
-  pid_t child = RunChild();
-  uint64_t after = MonotonicNs();
-  auto created = Matching<kelo_task_create_event>(
-      normal.reader->Drain(), KELO_EVENT_TASK_CREATE,
-      [&](const kelo_task_create_event& e) {
-        return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS;
-      });
+  const uint64_t before = MonotonicNs();
+  const pid_t child = RunChild();
+  const uint64_t after = MonotonicNs();
+  // Sanitizer runtimes may start threads of their own, so the check is that
+  // ours are among the reported ones and none was taken for a process.
+  std::vector<pid_t> tids(3);
+  for (pid_t& tid : tids) std::thread([&] { tid = gettid(); }).join();
+  const std::vector<Bytes> records = normal.reader->Drain();
+
+  auto created = Matching<kelo_task_create_event>(records, KELO_EVENT_TASK_CREATE, [&](const auto& e) {
+    return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS;
+  });
   ASSERT_EQ(created.size(), 1u);
   const kelo_task_create_event& e = created[0];
   EXPECT_EQ(e.header.reserved, 0u);
@@ -187,41 +156,22 @@ TEST_F(KeloBpfProgramsTest, ForkOfAProcessIsReportedOnlyWhileCoreEventsAreEnable
   EXPECT_LE(e.header.ts, after);
   EXPECT_EQ(e.ppid, getpid());
   EXPECT_EQ(e.uid, getuid());
-  EXPECT_EQ(std::string(e.comm, strnlen(e.comm, sizeof(e.comm))), OwnComm());
+  EXPECT_EQ(CommOf(e.comm), OwnComm());
   EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_FLAGS) & KELO_RB_FLAG_FULL, 0u);
-}
 
-TEST_F(KeloBpfProgramsTest, NewThreadIsReportedAgainstItsProcess) {
-  ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_fork"));
-  ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
-
-  // Sanitizer runtimes may start threads of their own, so the check is that
-  // ours are among the reported ones and none was taken for a process.
-  constexpr size_t kThreads = 3;
-  std::vector<pid_t> tids(kThreads);
-  for (pid_t& tid : tids) {
-    std::thread([&] { tid = gettid(); }).join();
-  }
-  std::vector<Bytes> records = normal.reader->Drain();
-
-  auto threads = Matching<kelo_task_create_event>(
-      records, KELO_EVENT_TASK_CREATE, [&](const kelo_task_create_event& e) {
-        return e.pid == getpid() && e.kind == KELO_TASK_KIND_THREAD;
-      });
-  ASSERT_GE(threads.size(), kThreads);
-  for (const kelo_task_create_event& e : threads) {
-    EXPECT_EQ(e.ppid, getppid());
-  }
-  auto asProcesses = Matching<kelo_task_create_event>(
-      records, KELO_EVENT_TASK_CREATE, [&](const kelo_task_create_event& e) {
-        return std::find(tids.begin(), tids.end(), e.pid) != tids.end();
-      });
-  EXPECT_TRUE(asProcesses.empty()) << "a thread was reported as a process of its own";
+  auto threads = Matching<kelo_task_create_event>(records, KELO_EVENT_TASK_CREATE, [&](const auto& e) {
+    return e.pid == getpid() && e.kind == KELO_TASK_KIND_THREAD;
+  });
+  ASSERT_GE(threads.size(), tids.size());
+  for (const kelo_task_create_event& thread : threads) EXPECT_EQ(thread.ppid, getppid());
+  EXPECT_TRUE(Matching<kelo_task_create_event>(records, KELO_EVENT_TASK_CREATE, [&](const auto& e) {
+                return std::find(tids.begin(), tids.end(), e.pid) != tids.end();
+              }).empty())
+      << "a thread was reported as a process of its own";
 }
 
 TEST_F(KeloBpfProgramsTest, ExitRecordsTellThreadsFromTheEndOfTheProcess) {
   ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_exit"));
-
   std::thread([] {}).join();
   RunChild();
   EXPECT_TRUE(normal.reader->Drain().empty()) << "exit records without the core flag";
@@ -229,24 +179,20 @@ TEST_F(KeloBpfProgramsTest, ExitRecordsTellThreadsFromTheEndOfTheProcess) {
   ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
   // A thread with a name of its own: the record carries the process's name.
   std::thread([] { pthread_setname_np(pthread_self(), "kelo-worker"); }).join();
-  pid_t child = RunChild();
-  std::vector<Bytes> records = normal.reader->Drain();
+  const pid_t child = RunChild();
+  const std::vector<Bytes> records = normal.reader->Drain();
 
   auto ours = Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
-                                             [&](const kelo_task_exit_event& e) {
-                                               return e.pid == getpid();
-                                             });
+                                             [&](const auto& e) { return e.pid == getpid(); });
   ASSERT_FALSE(ours.empty());
   for (const kelo_task_exit_event& e : ours) {
     EXPECT_EQ(e.kind, uint32_t{KELO_TASK_KIND_THREAD});
-    EXPECT_EQ(std::string(e.comm, strnlen(e.comm, sizeof(e.comm))), OwnComm());
+    EXPECT_EQ(CommOf(e.comm), OwnComm());
   }
-  auto childs = Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
-                                               [&](const kelo_task_exit_event& e) {
-                                                 return e.pid == child &&
-                                                        e.kind == KELO_TASK_KIND_PROCESS;
-                                               });
-  EXPECT_EQ(childs.size(), 1u);
+  EXPECT_EQ(Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT, [&](const auto& e) {
+              return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS;
+            }).size(),
+            1u);
 }
 
 // The process ends with its last thread, not with its group leader.
@@ -259,25 +205,21 @@ TEST_F(KeloBpfProgramsTest, ProcessWhoseLeaderExitsFirstEndsWithItsLastThread) {
   ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_process_exit"));
   ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
 
-  pid_t child = RunChild([] {
+  const pid_t child = RunChild([] {
     pthread_t worker;
     pthread_create(
         &worker, nullptr,
         [](void*) -> void* {
           // Outlive the leader, then end the process by ending its last thread.
-          while (!LeaderIsZombie()) {
-            usleep(1000);
-          }
+          while (!LeaderIsZombie()) usleep(1000);
           syscall(SYS_exit, 0);
           return nullptr;
         },
         nullptr);
-    // Ends only the leader thread.
-    syscall(SYS_exit, 0);
+    syscall(SYS_exit, 0);  // ends only the leader thread
   });
-  auto exits = Matching<kelo_task_exit_event>(
-      normal.reader->Drain(), KELO_EVENT_TASK_EXIT,
-      [&](const kelo_task_exit_event& e) { return e.pid == child; });
+  auto exits = Matching<kelo_task_exit_event>(normal.reader->Drain(), KELO_EVENT_TASK_EXIT,
+                                              [&](const auto& e) { return e.pid == child; });
   ASSERT_EQ(exits.size(), 2u);
   EXPECT_EQ(exits[0].kind, uint32_t{KELO_TASK_KIND_THREAD});
   EXPECT_EQ(exits[1].kind, uint32_t{KELO_TASK_KIND_PROCESS});
@@ -286,41 +228,38 @@ TEST_F(KeloBpfProgramsTest, ProcessWhoseLeaderExitsFirstEndsWithItsLastThread) {
 TEST_F(KeloBpfProgramsTest, RssGrowthIsReportedWhileNormalEventsAreEnabled) {
   ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("kmem", "rss_stat"));
   constexpr size_t kTouch = 8 << 20;
-  auto touch = [] {
+  std::vector<void*> touched;
+  const auto touch = [&] {
     void* mem = mmap(nullptr, kTouch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_NE(mem, MAP_FAILED);
-    std::memset(mem, 1, kTouch);
-    return mem;
+    ASSERT_NE(mem, MAP_FAILED);
+    memset(mem, 1, kTouch);
+    touched.push_back(mem);
   };
 
   ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE));
-  void* first = touch();
+  touch();
   EXPECT_TRUE(normal.reader->Drain().empty()) << "rss records without the normal flag";
 
   ASSERT_NO_FATAL_FAILURE(normal.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
-  void* second = touch();
-  auto anon = Matching<kelo_rss_stat_event>(
-      normal.reader->Drain(), KELO_EVENT_RSS_STAT, [&](const kelo_rss_stat_event& e) {
-        return e.pid == getpid() && e.member == KELO_RSS_ANON;
-      });
+  touch();
+  auto anon = Matching<kelo_rss_stat_event>(normal.reader->Drain(), KELO_EVENT_RSS_STAT, [&](const auto& e) {
+    return e.pid == getpid() && e.member == KELO_RSS_ANON;
+  });
   ASSERT_FALSE(anon.empty());
   // The kernel's counters are per-CPU approximations; two touches of 8 MiB
   // are well beyond their slack.
   EXPECT_GE(anon.back().size, static_cast<int64_t>(kTouch));
   for (size_t i = 1; i < anon.size(); ++i) {
-    int64_t step = anon[i].size - anon[i - 1].size;
+    const int64_t step = anon[i].size - anon[i - 1].size;
     EXPECT_GE(step < 0 ? -step : step, KELO_RSS_REPORT_STEP) << "record " << i;
   }
-  munmap(first, kTouch);
-  munmap(second, kTouch);
+  for (void* mem : touched) munmap(mem, kTouch);
 }
 
 TEST_F(KeloBpfProgramsTest, SchedSwitchKeepsTheStatusEntriesCurrent) {
   ASSERT_NO_FATAL_FAILURE(normal.AttachTracepoint("sched", "sched_switch"));
   // Any context switch refreshes the entries the first time.
-  for (int i = 0; i < 100 && normal.status->Get(KELO_RB_STATUS_RING_SIZE) == 0; ++i) {
-    usleep(1000);
-  }
+  for (int i = 0; i < 100 && normal.status->Get(KELO_RB_STATUS_RING_SIZE) == 0; ++i) usleep(1000);
   EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_RING_SIZE), uint64_t{KELO_RINGBUF_BYTES});
   EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_AVAIL_DATA), 0u);
   EXPECT_EQ(normal.status->Get(KELO_RB_STATUS_FLAGS), 0u) << "flags are the service's";
@@ -329,9 +268,7 @@ TEST_F(KeloBpfProgramsTest, SchedSwitchKeepsTheStatusEntriesCurrent) {
 TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
   ASSERT_NO_FATAL_FAILURE(gpl.AttachTracepoint("sched", "sched_process_exit"));
   ASSERT_NO_FATAL_FAILURE(gpl.SetFlags(KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL));
-  auto open = [](const char* name) {
-    return unique_fd(bpf_obj_get(Pinned(name).c_str()));
-  };
+  const auto open = [](const char* name) { return unique_fd(bpf_obj_get(Pinned(name).c_str())); };
   unique_fd allocate = open("map_KeloBpfGplDefineset_dmabuf_allocate_map");
   unique_fd sizes = open("map_KeloBpfGplDefineset_dmabuf_size_map");
   unique_fd perProcess = open("map_KeloBpfGplDefineset_dmabuf_perprocess_size_map");
@@ -339,10 +276,11 @@ TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
   unique_fd mmaps = open("map_KeloBpfGplDefineset_process_mmap_infos");
   ASSERT_TRUE(allocate.ok() && sizes.ok() && perProcess.ok() && inodes.ok() && mmaps.ok());
 
+  // A child that lives until the gate's write end closes.
   int gate[2];
   ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
   unique_fd gateRead(gate[0]), gateWrite(gate[1]);
-  pid_t child = fork();
+  const pid_t child = fork();
   if (child == 0) {
     char c;
     gateWrite.reset();
@@ -354,112 +292,80 @@ TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
   // The child and this process share buffer 77; the child also owns it.
   const uint64_t inode = 77;
   const int32_t self = getpid();
-  dmabuf_allocate_info owner{child, 0, 4096};
-  dmabuf_stat stat{4096, 0};
-  int32_t one = 1;
-  uint64_t mappedInode = inode;
+  const dmabuf_allocate_info owner{child, 0, 4096};
+  const dmabuf_stat stat{4096, 0};
+  const int32_t one = 1;
+  const auto refOf = [&](int32_t pid) { return dmabuf_process_inode_key{pid, 0, inode}; };
+  const auto mapOf = [](int32_t pid) { return dmabuf_process_mmap_key{pid, 0, 0x7f0000001000ULL}; };
   ASSERT_EQ(bpf_map_update_elem(allocate.get(), &inode, &owner, BPF_ANY), 0);
-  for (int32_t pid : {static_cast<int32_t>(child), self}) {
-    dmabuf_process_inode_key ref{pid, 0, inode};
-    dmabuf_process_mmap_key map{pid, 0, 0x7f0000001000ULL};
+  for (const int32_t pid : {static_cast<int32_t>(child), self}) {
+    const auto ref = refOf(pid);
+    const auto map = mapOf(pid);
     ASSERT_EQ(bpf_map_update_elem(sizes.get(), &pid, &stat, BPF_ANY), 0);
     ASSERT_EQ(bpf_map_update_elem(perProcess.get(), &pid, &stat, BPF_ANY), 0);
     ASSERT_EQ(bpf_map_update_elem(inodes.get(), &ref, &one, BPF_ANY), 0);
-    ASSERT_EQ(bpf_map_update_elem(mmaps.get(), &map, &mappedInode, BPF_ANY), 0);
+    ASSERT_EQ(bpf_map_update_elem(mmaps.get(), &map, &inode, BPF_ANY), 0);
   }
 
   // A thread ending is not the end of this process.
   std::thread([] {}).join();
   gateWrite.reset();
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
 
-  auto present = [](int fd, const void* key) {
+  const auto present = [](const unique_fd& map, const auto& key) {
     std::vector<uint8_t> value(64);
-    return bpf_map_lookup_elem(fd, key, value.data()) == 0;
+    return bpf_map_lookup_elem(map.get(), &key, value.data()) == 0;
   };
-  const int32_t childKey = child;
-  dmabuf_process_inode_key childRef{child, 0, inode}, selfRef{self, 0, inode};
-  dmabuf_process_mmap_key childMap{child, 0, 0x7f0000001000ULL}, selfMap{self, 0, 0x7f0000001000ULL};
-  EXPECT_FALSE(present(sizes.get(), &childKey));
-  EXPECT_FALSE(present(perProcess.get(), &childKey));
-  EXPECT_FALSE(present(inodes.get(), &childRef));
-  EXPECT_FALSE(present(mmaps.get(), &childMap));
-  EXPECT_TRUE(present(sizes.get(), &self));
-  EXPECT_TRUE(present(perProcess.get(), &self));
-  EXPECT_TRUE(present(inodes.get(), &selfRef));
-  EXPECT_TRUE(present(mmaps.get(), &selfMap));
-  // The buffer itself lives on until it is released.
-  EXPECT_TRUE(present(allocate.get(), &inode));
+  for (const int32_t pid : {static_cast<int32_t>(child), self}) {
+    const bool kept = pid == self;
+    EXPECT_EQ(present(sizes, pid), kept) << pid;
+    EXPECT_EQ(present(perProcess, pid), kept) << pid;
+    EXPECT_EQ(present(inodes, refOf(pid)), kept) << pid;
+    EXPECT_EQ(present(mmaps, mapOf(pid)), kept) << pid;
+  }
+  EXPECT_TRUE(present(allocate, inode)) << "the buffer itself lives on until it is released";
 
-  auto reports = Matching<kelo_dmabuf_size_event>(
-      gpl.reader->Drain(), KELO_EVENT_DMABUF_SIZE,
-      [&](const kelo_dmabuf_size_event& e) { return e.pid == child || e.pid == self; });
+  auto reports = Matching<kelo_dmabuf_size_event>(gpl.reader->Drain(), KELO_EVENT_DMABUF_SIZE,
+                                                  [&](const auto& e) { return e.pid == child || e.pid == self; });
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_EQ(reports[0].pid, child);
   EXPECT_EQ(reports[0].allocated_size, 0);
   EXPECT_EQ(reports[0].referenced_size, 0);
 }
 
-// A temporary child cgroup of the cpuset hierarchy (cgroup v1, as on
-// Android) or, without one, of the unified hierarchy; removed again by the
-// destructor once its tasks are gone.
-class TemporaryCgroup {
- public:
-  static std::unique_ptr<TemporaryCgroup> Create(const std::string& name) {
-    for (const char* root : {"/sys/fs/cgroup/cpuset", "/sys/fs/cgroup/unified", "/sys/fs/cgroup"}) {
-      struct statfs fs;
-      if (statfs(root, &fs) != 0 ||
-          (fs.f_type != CGROUP_SUPER_MAGIC && fs.f_type != CGROUP2_SUPER_MAGIC)) {
-        continue;
-      }
-      std::string dir = std::string(root) + "/" + name;
-      if (mkdir(dir.c_str(), 0755) != 0) {
-        continue;
-      }
-      std::unique_ptr<TemporaryCgroup> cgroup(new TemporaryCgroup(dir));
-      // A v1 cpuset takes no task before it has processors and memory nodes.
-      if (!cgroup->inherit(root, "cpuset.cpus") || !cgroup->inherit(root, "cpuset.mems")) {
-        continue;
-      }
-      return cgroup;
+// A new child cgroup of the cpuset hierarchy (cgroup v1, as on Android) or,
+// without one, of the unified hierarchy, ready to take tasks; "" if none.
+std::string MakeCgroup(const std::string& name) {
+  for (const std::string root : {"/sys/fs/cgroup/cpuset", "/sys/fs/cgroup/unified", "/sys/fs/cgroup"}) {
+    struct statfs fs;
+    const std::string dir = root + "/" + name;
+    if (statfs(root.c_str(), &fs) != 0 || (fs.f_type != CGROUP_SUPER_MAGIC && fs.f_type != CGROUP2_SUPER_MAGIC) ||
+        mkdir(dir.c_str(), 0755) != 0) {
+      continue;
     }
-    return nullptr;
-  }
-  ~TemporaryCgroup() { EXPECT_EQ(rmdir(dir_.c_str()), 0) << dir_ << ": " << std::strerror(errno); }
-
-  const std::string& dir() const { return dir_; }
-
- private:
-  explicit TemporaryCgroup(std::string dir) : dir_(std::move(dir)) {}
-
-  // Copies a parent's file into the cgroup when the parent has one.
-  bool inherit(const std::string& root, const std::string& file) {
-    std::ifstream parent(root + "/" + file);
-    if (!parent) {
-      return true;
+    // A v1 cpuset takes no task before it has processors and memory nodes.
+    for (const char* file : {"cpuset.cpus", "cpuset.mems"}) {
+      std::ifstream parent(root + "/" + file);
+      std::string value;
+      if (std::getline(parent, value)) std::ofstream(dir + "/" + file) << value << std::flush;
     }
-    std::string value;
-    std::getline(parent, value);
-    std::ofstream child(dir_ + "/" + file);
-    child << value << std::flush;
-    return static_cast<bool>(child);
+    return dir;
   }
-
-  std::string dir_;
-};
+  return "";
+}
 
 TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
   const std::string name = "kelo-bpf-test-" + std::to_string(getpid());
-  auto cgroup = TemporaryCgroup::Create(name);
-  if (!cgroup) {
-    GTEST_SKIP() << "no writable cgroup hierarchy";
-  }
+  const std::string dir = MakeCgroup(name);
+  if (dir.empty()) GTEST_SKIP() << "no writable cgroup hierarchy";
+  struct RemoveAtEnd {
+    const std::string& dir;
+    ~RemoveAtEnd() { EXPECT_EQ(rmdir(dir.c_str()), 0) << dir << ": " << std::strerror(errno); }
+  } removeAtEnd{dir};
   ASSERT_NO_FATAL_FAILURE(gpl.AttachTracepoint("cgroup", "cgroup_attach_task"));
 
-  const std::string procs = cgroup->dir() + "/cgroup.procs";
-  auto moveSelf = [&] {
-    std::ofstream out(procs);
+  const auto moveSelf = [&] {
+    std::ofstream out(dir + "/cgroup.procs");
     out << 0 << std::flush;
     _exit(out ? 0 : 1);
   };
@@ -467,10 +373,9 @@ TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
   EXPECT_TRUE(gpl.reader->Drain().empty()) << "records without the normal flag";
 
   ASSERT_NO_FATAL_FAILURE(gpl.SetFlags(KELO_RB_FLAG_NORMAL));
-  pid_t child = RunChild(moveSelf);
-  auto moves = Matching<kelo_cgroup_attach_event>(
-      gpl.reader->Drain(), KELO_EVENT_CGROUP_ATTACH,
-      [&](const kelo_cgroup_attach_event& e) { return e.pid == child; });
+  const pid_t child = RunChild(moveSelf);
+  auto moves = Matching<kelo_cgroup_attach_event>(gpl.reader->Drain(), KELO_EVENT_CGROUP_ATTACH,
+                                                  [&](const auto& e) { return e.pid == child; });
   ASSERT_EQ(moves.size(), 1u);
   EXPECT_EQ(std::string(moves[0].path), "/" + name);
   EXPECT_EQ(std::string(moves[0].comm), OwnComm());
@@ -482,43 +387,40 @@ TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
 // and leave the ring's positions where the service's watchdog reads them.
 TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagAndRecordsPositions) {
   constexpr uint32_t kTinyRing = 4096;
-  bpf_object* raw = bpf_object__open_file(KELO_BPF_NORMAL_OBJ, nullptr);
-  ASSERT_EQ(libbpf_get_error(raw), 0);
-  std::unique_ptr<bpf_object, void (*)(bpf_object*)> object(raw, bpf_object__close);
-  bpf_map* ring = bpf_object__find_map_by_name(raw, "ringbuf_map");
+  constexpr char kFork[] = "sched_sched_process_fork";
+  std::unique_ptr<bpf_object, void (*)(bpf_object*)> object(bpf_object__open_file(KELO_BPF_NORMAL_OBJ, nullptr),
+                                                            bpf_object__close);
+  ASSERT_EQ(libbpf_get_error(object.get()), 0);
+  bpf_map* ring = bpf_object__find_map_by_name(object.get(), "ringbuf_map");
   ASSERT_NE(ring, nullptr);
   ASSERT_EQ(bpf_map__set_max_entries(ring, kTinyRing), 0);
   bpf_program* prog;
-  bpf_object__for_each_program(prog, raw) {
-    bpf_program__set_autoload(prog, std::string(bpf_program__name(prog)) == "sched_sched_process_fork");
+  bpf_object__for_each_program(prog, object.get()) {
+    bpf_program__set_autoload(prog, bpf_program__name(prog) == std::string(kFork));
   }
-  ASSERT_EQ(bpf_object__load(raw), 0);
-  int statusFd = bpf_map__fd(bpf_object__find_map_by_name(raw, "ringbuf_status"));
-  uint32_t key = KELO_RB_STATUS_FLAGS;
-  uint64_t flags = KELO_RB_FLAG_CORE;
-  ASSERT_EQ(bpf_map_update_elem(statusFd, &key, &flags, BPF_ANY), 0);
-  unique_fd link(bpf_attach_tracepoint(
-      bpf_program__fd(bpf_object__find_program_by_name(raw, "sched_sched_process_fork")), "sched",
-      "sched_process_fork"));
+  ASSERT_EQ(bpf_object__load(object.get()), 0);
+  const int statusFd = bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_status"));
+  const auto entry = [&](uint32_t key) {
+    uint64_t value = 0;
+    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &key, &value), 0);
+    return value;
+  };
+  const uint32_t flagsKey = KELO_RB_STATUS_FLAGS;
+  const uint64_t core = KELO_RB_FLAG_CORE;
+  ASSERT_EQ(bpf_map_update_elem(statusFd, &flagsKey, &core, BPF_ANY), 0);
+  unique_fd link(bpf_attach_tracepoint(bpf_program__fd(bpf_object__find_program_by_name(object.get(), kFork)), "sched",
+                                       "sched_process_fork"));
   ASSERT_GE(link.get(), 0);
 
   constexpr size_t kRecordSpace = sizeof(kelo_task_create_event) + 8;  // plus ring header
-  for (size_t i = 0; i <= kTinyRing / kRecordSpace; ++i) {
-    RunChild();
-  }
+  for (size_t i = 0; i <= kTinyRing / kRecordSpace; ++i) RunChild();
   link.reset();
 
-  auto entry = [&](uint32_t k) {
-    uint64_t value = 0;
-    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &k, &value), 0);
-    return value;
-  };
   EXPECT_EQ(entry(KELO_RB_STATUS_FLAGS), uint64_t{KELO_RB_FLAG_CORE | KELO_RB_FLAG_FULL});
   EXPECT_EQ(entry(KELO_RB_STATUS_RING_SIZE), kTinyRing);
-  uint64_t avail = entry(KELO_RB_STATUS_AVAIL_DATA);
+  const uint64_t avail = entry(KELO_RB_STATUS_AVAIL_DATA);
   EXPECT_GT(avail, kTinyRing - kRecordSpace);
   EXPECT_EQ(entry(KELO_RB_STATUS_PROD_POS) - entry(KELO_RB_STATUS_CONS_POS), avail);
-
   auto reader = RingBufferReader::Create(bpf_map__fd(ring));
   ASSERT_NE(reader, nullptr);
   EXPECT_EQ(reader->Drain().size(), avail / kRecordSpace);

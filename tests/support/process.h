@@ -1,0 +1,45 @@
+// Child processes and threads of the test process.
+#pragma once
+
+#include <android-base/file.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kelo_test {
+
+// Forks a child that runs body and exits; its pid, once it has been reaped.
+inline pid_t RunChild(const std::function<void()>& body = {}) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (body) body();
+    _exit(0);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  return pid;
+}
+
+// /proc status text of this process's thread called name; "" when none is.
+inline std::string ThreadStatus(const std::string& name) {
+  std::unique_ptr<DIR, int (*)(DIR*)> tasks(opendir("/proc/self/task"), closedir);
+  while (dirent* entry = readdir(tasks.get())) {
+    const std::string task = std::string("/proc/self/task/") + entry->d_name;
+    std::string comm, status;
+    if (android::base::ReadFileToString(task + "/comm", &comm) && comm == name + "\n" &&
+        android::base::ReadFileToString(task + "/status", &status)) {
+      return status;
+    }
+  }
+  return "";
+}
+
+inline bool HasThread(const std::string& name) { return !ThreadStatus(name).empty(); }
+
+}  // namespace kelo_test
