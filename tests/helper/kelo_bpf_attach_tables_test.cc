@@ -7,13 +7,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <set>
 #include <string>
 
 #include "helper/kelo_bpf_helper.h"
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -22,7 +22,7 @@ namespace {
 constexpr char PIN_DIR[] = "/sys/fs/bpf/kelo/";
 
 TEST(AttachTablesTest, RowsMatchTheRealProgramSets) {
-  if (getenv("KELO_IN_SANDBOX") == nullptr) GTEST_SKIP() << "needs the test sandbox";
+  KELO_SKIP_OUTSIDE_SANDBOX();
   BpfLoadReport report;
   kelo_test::LoadAndPinPrograms(KELO_BPF_FS_DIR, &report);
   ASSERT_FALSE(report.pinnedPrograms.empty());

