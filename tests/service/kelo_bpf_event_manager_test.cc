@@ -45,33 +45,24 @@ class EventManagerTest : public ::testing::Test {
   ClientPackageManagers queues;
 };
 
-TEST_F(EventManagerTest, SubscriptionsAreSingleAndEndByUnsubscribeOrErase) {
-  registry->AddObserverEvent(3, 5);
-  registry->AddObserverEvent(3, 5);
-  registry->AddObserverEvent(4, 5);
+TEST_F(EventManagerTest, SubscribersGetEachRecordOnceByteForByteInPublishOrderUntilTheyLeave) {
+  for (int fd : {4, 3, 3}) registry->AddObserverEvent(fd, 50001);  // any int is a type; subscribed once
   registry->AddObserverEvent(4, 6);
+  registry->AddObserverEvent(5, 7);
   registry->DelObserverEvent(3, 6);  // never subscribed
   registry->DelObserverEvent(5, 5);
-  const Records published = {Publish(5)};
-  EXPECT_EQ(Queued(3), published);
-  EXPECT_EQ(Queued(4), published);
-
-  registry->DelObserverEvent(3, 5);
-  registry->EraseObserver(4);
-  registry->EraseObserver(5);  // no subscriptions at all
-  Publish(5);                  // every subscriber of the type is gone
-  Publish(6);
-  for (int fd : {3, 4, 5}) EXPECT_TRUE(Queued(fd).empty());
-}
-
-TEST_F(EventManagerTest, EverySubscriberGetsEachRecordByteForByteInPublishOrder) {
-  for (int fd : {4, 3}) registry->AddObserverEvent(fd, 50001);  // any int is a type
-  registry->AddObserverEvent(5, 7);
   const Records published = {Publish(50001, std::string("\0\1\2", 3)), Publish(50001, std::string(200, '\xff')),
                              Publish(50001)};
   EXPECT_EQ(Queued(3), published);
   EXPECT_EQ(Queued(4), published);
   EXPECT_TRUE(Queued(5).empty());
+
+  registry->DelObserverEvent(3, 50001);
+  registry->EraseObserver(4);
+  registry->EraseObserver(6);  // no subscriptions at all
+  Publish(50001);              // every subscriber of the type is gone
+  Publish(6);
+  for (int fd : {3, 4, 5}) EXPECT_TRUE(Queued(fd).empty());
 }
 
 }  // namespace

@@ -1,20 +1,30 @@
 // Clients over the service's real socket. The kernel side is never declared
 // ready here, so the only events are those published through the registry,
 // as the task handlers publish theirs.
+#include <android-base/file.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
 
-#include "tests/service/kelo_bpf_service_test_support.h"
+#include "service/kelo_bpf_service.h"
+#include "tests/support/ipc_client.h"
+#include "tests/support/wait.h"
 
 namespace Kelo {
 namespace Bpf {
 namespace {
 
-using namespace kelo_service_test;
+using namespace std::chrono_literals;
+using kelo_test::Request;
+
+struct Client : kelo_test::IpcClient {
+  Client() : IpcClient(KELO_BPF_CLIENT_SOCKET_NAME) {}
+};
 
 std::string Publish(int32_t type, const std::string& payload = "") {
-  std::string record = Bytes(type) + payload;
+  std::string record = kelo_test::Bytes(type) + payload;
   EventManager::GetInstance()->AppendEvent(record.data(), static_cast<unsigned int>(record.size()));
   return record;
 }
@@ -49,7 +59,7 @@ TEST_F(ClientTest, RequestsAreAnsweredInOrderWithTheirReqIdAndOnlyKnownCodesAct)
   std::this_thread::sleep_for(50ms);  // lets the service read the first part alone
   ASSERT_TRUE(client.Send(split.substr(7)));
   for (auto [reqId, result] : {std::pair{71u, -1}, {72u, -1}, {73u, 0}}) {
-    std::optional<Package> response = client.Next();
+    std::optional<kelo_test::Package> response = client.Next();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->Word(0), reqId);
     EXPECT_EQ(static_cast<int32_t>(response->Word(1)), result);
@@ -87,7 +97,7 @@ TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsCl
   // More than the socket buffers hold, so some stays queued in the service.
   for (int i = 0; i < 1000; ++i) Publish(1, std::string(100, 'q'));
   client.Close();
-  ASSERT_TRUE(WaitUntil([] { return SocketFds().size() == 1; }));
+  ASSERT_TRUE(kelo_test::WaitUntil([] { return SocketFds().size() == 1; }));
 
   Client next;
   ASSERT_TRUE(next.Connect());

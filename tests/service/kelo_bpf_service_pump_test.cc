@@ -1,5 +1,7 @@
 // The pumps against real ring buffers and status arrays pinned at the
 // service's paths; records are written into them from the kernel side.
+#include <android-base/file.h>
+#include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -7,10 +9,13 @@
 #include <sstream>
 
 #include "helper/kelo_bpf_helper_strings.h"
+#include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
-#include "tests/service/kelo_bpf_service_test_support.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
+#include "tests/support/wait.h"
 
 // The service is never destroyed and joins its threads only in Wait(): a
 // pump that ended, and the endpoint's loop after stop(), stay unjoined until
@@ -28,8 +33,18 @@ namespace Kelo {
 namespace Bpf {
 namespace {
 
-using namespace kelo_service_test;
+using namespace std::chrono_literals;
+using kelo_test::Bytes;
+using kelo_test::HasThread;
+using kelo_test::WaitUntil;
 constexpr uint64_t ENABLED = KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL;
+
+// A raw ring-buffer record: type, 4 reserved bytes, ts, then the payload.
+std::string Record(uint32_t type, const std::string& payload = "") {
+  return Bytes(type) + Bytes(uint32_t{0}) + Bytes(uint64_t{1}) + payload;
+}
+
+void SetReady(const char* value) { android::base::SetProperty(KeloBpfService::KELO_BPF_READY, value); }
 
 class PumpTest : public ::testing::Test {
  protected:
@@ -77,7 +92,7 @@ class PumpTest : public ::testing::Test {
   std::unique_ptr<kelo_test::ServiceRingBuffers> rings = kelo_test::ServiceRingBuffers::Create();
   std::atomic<uint64_t> seedFlags[2] = {};
   KeloBpfService* service = nullptr;
-  Client client;
+  kelo_test::IpcClient client{KELO_BPF_CLIENT_SOCKET_NAME};
 };
 
 TEST_F(PumpTest, SocketServesBeforeReadinessAndPumpsEnableCoreBeforeSeedingNormalAfter) {
@@ -172,7 +187,7 @@ TEST_F(PumpTest, DumpSignalsRunOnTheirOwnIdleThreadAndPumpsGoOn) {
   client.ExpectEvent(Record(5, "later"));
 
   const auto switches = [] {
-    const std::string status = ThreadStatus(KeloBpfService::DUMP_THREAD_NAME);
+    const std::string status = kelo_test::ThreadStatus(KeloBpfService::DUMP_THREAD_NAME);
     return status.substr(status.find("\nvoluntary_ctxt_switches:"), 40);
   };
   const std::string before = switches();

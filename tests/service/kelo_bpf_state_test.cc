@@ -1,23 +1,27 @@
 #include "service/kelo_bpf_state.h"
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace Kelo {
 namespace Bpf {
 namespace {
+
+using Row = std::vector<int64_t>;
 
 constexpr char kHeaderColumns[] =
     "EventCount, kelo_task_init, kmem_rss_info, sched_task_create, sched_task_exit, dmabuf_size_info, "
@@ -29,66 +33,42 @@ constexpr uint64_t kStart = 1700000000;
 std::atomic<uint64_t> fakeNow{kStart};
 uint64_t FakeClock() { return fakeNow.load(); }
 
-std::string TestdataPath(const std::string& name) {
-  const std::string source = __FILE__;
-  return source.substr(0, source.rfind('/')) + "/testdata/" + name;
-}
-
 std::string ReadFile(const std::string& path) {
   std::string text;
   EXPECT_TRUE(android::base::ReadFileToString(path, &text)) << path;
   return text;
 }
 
-// Pieces between occurrences of the whole separator, empty ones included.
-std::vector<std::string> Cut(const std::string& text, const std::string& separator) {
-  std::vector<std::string> pieces;
-  size_t start = 0;
-  for (size_t p = text.find(separator); p != std::string::npos; p = text.find(separator, start)) {
-    pieces.push_back(text.substr(start, p - start));
-    start = p + separator.size();
-  }
-  pieces.push_back(text.substr(start));
-  return pieces;
+std::string Header(int64_t curIndex, int64_t firstIndex) {
+  return std::string(kHeaderColumns) + std::to_string(curIndex) + ", " + std::to_string(firstIndex) + " ";
 }
 
+// The exact layout is pinned by the byte-for-byte cases; this reads the
+// header line and the numbers of each row (newest first).
 struct Dump {
   std::string header;
-  std::vector<std::vector<int64_t>> rows;  // newest first, ten numbers each
+  std::vector<Row> rows;
 };
-
 Dump ParseDump(const std::string& text) {
-  Dump dump;
-  std::vector<std::string> lines = Cut(text, "\r\n");
-  EXPECT_EQ(lines.back(), "") << "last line not ended by CR LF";
-  lines.pop_back();
-  dump.header = lines.front();
+  std::vector<std::string> lines = android::base::Split(text, "\n");
+  lines.pop_back();  // after the last line end
+  Dump dump{lines[0].substr(0, lines[0].size() - 1), {}};
   for (size_t i = 1; i < lines.size(); ++i) {
-    std::vector<std::string> fields = Cut(lines[i], ", ");
-    EXPECT_EQ(fields.back(), "") << "row does not end with \", \"";
-    fields.pop_back();
-    std::vector<int64_t> row;
-    for (const std::string& field : fields) row.push_back(std::stoll(field));
+    std::istringstream fields(android::base::StringReplace(lines[i], ",", " ", true));
+    Row row;
+    for (int64_t value; fields >> value;) row.push_back(value);
     EXPECT_EQ(row.size(), 10u) << lines[i];
     dump.rows.push_back(row);
   }
   return dump;
 }
 
-std::string Header(int64_t curIndex, int64_t firstIndex) {
-  return std::string(kHeaderColumns) + std::to_string(curIndex) + ", " + std::to_string(firstIndex) + " ";
-}
-
-// The state file has a fixed path under /data, which the test sandbox
-// replaces by a private tmpfs; outside it the cases refuse to run.
+// The state file has a fixed path under /data, private to the sandbox.
 class DataStateTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* sandboxed = getenv("KELO_IN_SANDBOX");
-    if (sandboxed == nullptr || std::string(sandboxed) != "1") GTEST_SKIP() << "needs scripts/sandbox.sh";
-    // On a device the parent directories exist already.
-    mkdir("/data/kelolog", 0775);
-    mkdir("/data/kelolog/stability", 0775);
+    KELO_SKIP_OUTSIDE_SANDBOX();
+    kelo_test::MakeLogDirs();
     fakeNow = kStart;
     state_ = std::make_unique<KeloBpfDataState>(FakeClock);
   }
@@ -102,8 +82,15 @@ class DataStateTest : public ::testing::Test {
   std::unique_ptr<KeloBpfDataState> state_;
 };
 
-TEST_F(DataStateTest, FreshWindowDumpsHeaderAndOneZeroRow) {
-  EXPECT_EQ(DumpText(), std::string(kHeaderColumns) + "0, 0 \r\n" + kZeroRow);
+TEST_F(DataStateTest, FreshWindowDumpsHeaderAndOneZeroRowAndUnknownKindsChangeNothing) {
+  const std::string fresh = std::string(kHeaderColumns) + "0, 0 \r\n" + kZeroRow;
+  EXPECT_EQ(DumpText(), fresh);
+  fakeNow += 3;
+  for (int kind : {9, -1, INT_MIN, INT_MAX}) state_->RecordEvent(kind, 1);
+  EXPECT_EQ(DumpText(), fresh);
+  // Nor did they move the window: the next count does.
+  state_->RecordEvent(STATE_COUNTER_POLL, 1);
+  EXPECT_EQ(DumpParsed().header, Header(3, 0));
 }
 
 TEST_F(DataStateTest, GapOfSecondsGivesZeroRowsNewestFirst) {
@@ -116,13 +103,8 @@ TEST_F(DataStateTest, GapOfSecondsGivesZeroRowsNewestFirst) {
   state_->RecordEvent(STATE_COUNTER_DMABUF_UPDATE, 1);
   state_->RecordEvent(STATE_COUNTER_POLL, 1);
 
-  EXPECT_EQ(DumpText(), ReadFile(TestdataPath("bpfservice_state_gap.csv")));
-}
-
-TEST_F(DataStateTest, EachDumpReplacesTheFile) {
-  state_->RecordEvent(STATE_COUNTER_FD_UPDATE_INFO, 1);
-  const std::string first = DumpText();
-  EXPECT_EQ(DumpText(), first);
+  const std::string source = __FILE__;
+  EXPECT_EQ(DumpText(), ReadFile(source.substr(0, source.rfind('/')) + "/testdata/bpfservice_state_gap.csv"));
 }
 
 TEST_F(DataStateTest, WindowKeepsTheLast1800Seconds) {
@@ -137,11 +119,11 @@ TEST_F(DataStateTest, WindowKeepsTheLast1800Seconds) {
   ASSERT_EQ(dump.rows.size(), 1800u);
   for (size_t i = 0; i < dump.rows.size(); ++i) {
     const int64_t second = 1999 - static_cast<int64_t>(i);
-    EXPECT_EQ(dump.rows[i], (std::vector<int64_t>{second, 0, 0, 0, 0, second, 0, 0, 0, 1})) << "row " << i;
+    EXPECT_EQ(dump.rows[i], (Row{second, 0, 0, 0, 0, second, 0, 0, 0, 1})) << "row " << i;
   }
 }
 
-TEST_F(DataStateTest, SkippedSecondsAreClearedOfAnEarlierLap) {
+TEST_F(DataStateTest, SkippedSecondsAreClearedOfEarlierLaps) {
   // Fill every slot once, then skip four seconds: their slots held counts of
   // 1800 seconds earlier.
   for (int second = 0; second < 1800; ++second) {
@@ -150,42 +132,22 @@ TEST_F(DataStateTest, SkippedSecondsAreClearedOfAnEarlierLap) {
   }
   fakeNow += 4;
   state_->RecordEvent(STATE_COUNTER_SCHED_TASK_CREATE, 1);
-
-  const Dump dump = DumpParsed();
+  Dump dump = DumpParsed();
   EXPECT_EQ(dump.header, Header(1804, 1804 - 1799));
   ASSERT_EQ(dump.rows.size(), 1800u);
-  EXPECT_EQ(dump.rows[0], (std::vector<int64_t>{1, 0, 0, 1, 0, 0, 0, 0, 0, 0}));
-  for (size_t i = 1; i <= 4; ++i) {
-    EXPECT_EQ(dump.rows[i], (std::vector<int64_t>(10, 0))) << "row " << i;
-  }
+  EXPECT_EQ(dump.rows[0], (Row{1, 0, 0, 1, 0, 0, 0, 0, 0, 0}));
+  for (size_t i = 1; i <= 4; ++i) EXPECT_EQ(dump.rows[i], Row(10, 0)) << "row " << i;
   EXPECT_EQ(dump.rows[5][3], 1);
-}
 
-TEST_F(DataStateTest, JumpFarBeyondTheWindowClearsEverySlot) {
-  state_->RecordEvent(STATE_COUNTER_POLL, 3);
-  // As when the time base is set after the first count.
+  // A jump far beyond the window, as when the time base is set after the
+  // first count, clears every slot.
   fakeNow += 1700000000;
   state_->RecordEvent(STATE_COUNTER_POLL, 1);
-
-  const Dump dump = DumpParsed();
-  EXPECT_EQ(dump.header, Header(1700000000, 1700000000 - 1799));
+  dump = DumpParsed();
+  EXPECT_EQ(dump.header, Header(1700001804, 1700001804 - 1799));
   ASSERT_EQ(dump.rows.size(), 1800u);
-  EXPECT_EQ(dump.rows[0], (std::vector<int64_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-  for (size_t i = 1; i < dump.rows.size(); ++i) EXPECT_EQ(dump.rows[i], (std::vector<int64_t>(10, 0)));
-}
-
-TEST_F(DataStateTest, UnknownKindsChangeNothing) {
-  const std::string fresh = std::string(kHeaderColumns) + "0, 0 \r\n" + kZeroRow;
-  fakeNow += 3;
-  state_->RecordEvent(9, 1);
-  state_->RecordEvent(-1, 1);
-  state_->RecordEvent(INT_MIN, 1);
-  state_->RecordEvent(INT_MAX, 1);
-  EXPECT_EQ(DumpText(), fresh);
-
-  // Nor did they move the window: the next count does.
-  state_->RecordEvent(STATE_COUNTER_POLL, 1);
-  EXPECT_EQ(DumpParsed().header, Header(3, 0));
+  EXPECT_EQ(dump.rows[0], (Row{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+  for (size_t i = 1; i < dump.rows.size(); ++i) EXPECT_EQ(dump.rows[i], Row(10, 0)) << "row " << i;
 }
 
 TEST_F(DataStateTest, ClockSteppingBackStaysInsideTheWindow) {
@@ -199,6 +161,7 @@ TEST_F(DataStateTest, ClockSteppingBackStaysInsideTheWindow) {
 TEST_F(DataStateTest, FailedOpenIsLogged) {
   ASSERT_EQ(mkdir(KeloBpfDataState::KELOTASK_DUMP_PATH, 0775), 0);
   ASSERT_EQ(mkdir(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, 0775), 0);
+  // Not empty, so that it cannot be replaced.
   ASSERT_TRUE(android::base::WriteStringToFile("x", std::string(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE) + "/x"));
   kelo_test::LogCapture log;
   state_->DumpState();
@@ -211,7 +174,7 @@ TEST_F(DataStateTest, SignalEntryDumpsTheServiceWindow) {
   DumpState(50);
   const Dump dump = ParseDump(ReadFile(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE));
   ASSERT_FALSE(dump.rows.empty());
-  EXPECT_EQ(dump.rows[0], (std::vector<int64_t>{5, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
+  EXPECT_EQ(dump.rows[0], (Row{5, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
 }
 
 // Two producers count while a third thread dumps; the clock moves on meanwhile.
@@ -236,9 +199,8 @@ TEST_F(DataStateTest, ProducersAndADumperShareTheWindow) {
   counting = false;
   dumper.join();
 
-  int64_t events = 0;
-  int64_t polls = 0;
-  for (const std::vector<int64_t>& row : DumpParsed().rows) {
+  int64_t events = 0, polls = 0;
+  for (const Row& row : DumpParsed().rows) {
     EXPECT_EQ(row[0], row[2]);
     events += row[2];
     polls += row[9];
