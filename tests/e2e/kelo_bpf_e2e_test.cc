@@ -1,0 +1,306 @@
+// The whole system: the real kernel programs loaded and pinned by the
+// loader, the service started through its entry function and made ready, and
+// subscribers on the real socket: the subscriber library in this process, or
+// the daemon and the client tool as binaries, the way the live run uses them.
+//
+// Every test case runs in its own sandbox (private bpffs, tracefs, tmpfs
+// /data and network namespace), so the service's fixed paths and socket name
+// are private to it; and in its own process, so each gets a fresh service.
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bpf/kelo_bpf_events.h"
+#include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_state.h"
+#include "tests/support/bpf_fixture.h"
+#include "tests/support/ipc_client.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wait.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+using Kelo::Bpf::KeloBpfDataState;
+using Kelo::Bpf::KeloBpfService;
+using kelo_test::RunChild;
+using kelo_test::WaitUntil;
+
+constexpr int SIGNAL_DUMP_STATE = 50;
+
+// True once the service's abstract socket is listening in this sandbox.
+bool ServiceListening() {
+  std::string table;
+  return android::base::ReadFileToString("/proc/net/unix", &table) &&
+         table.find(std::string("@") + Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME) != std::string::npos;
+}
+
+// Column sums of the state file's data rows (the event sum, then the
+// counters of kinds 0 to 8); nothing when the file is not there.
+std::optional<std::vector<long long>> StateFileTotals() {
+  std::string text;
+  if (!android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &text) ||
+      !android::base::StartsWith(text, "EventCount, ")) {
+    return std::nullopt;
+  }
+  std::vector<long long> totals(10, 0);
+  const std::vector<std::string> lines = android::base::Split(text, "\n");
+  for (size_t i = 1; i < lines.size(); ++i) {
+    const std::vector<std::string> fields = android::base::Split(lines[i], ",");
+    if (fields.size() < totals.size()) continue;
+    for (size_t column = 0; column < totals.size(); ++column) totals[column] += atoll(fields[column].c_str());
+  }
+  return totals;
+}
+
+// Loads the kernel side, makes the service ready from the start and starts
+// it: what kelobpfd --load does.
+void StartServiceLikeTheDaemon() {
+  kelo_test::MakeLogDirs();
+  utsname name;
+  ASSERT_EQ(uname(&name), 0);
+  unsigned major = 0, minor = 0;
+  ASSERT_EQ(sscanf(name.release, "%u.%u", &major, &minor), 2);
+  android::base::SetProperty("ro.kernel.version", std::to_string(major) + "." + std::to_string(minor));
+  signal(SIGPIPE, SIG_IGN);  // a subscriber that goes away must not end the test
+  ASSERT_TRUE(kelo_test::LoadAndPinPrograms());
+  android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
+  ASSERT_TRUE(Kelo::Bpf::BpfServiceMain());
+  ASSERT_TRUE(WaitUntil(ServiceListening));
+}
+
+// A package as a short tag: "response <reqId>: <result>", or the record type
+// of an event, followed by " child" for the whole-process fork or exit
+// record of pid child.
+std::string Tag(const kelo_test::Package& package, pid_t child) {
+  if (package.type == IPC_PACKAGE_TYPE_RESPONSE) {
+    return "response " + std::to_string(package.Word(0)) + ": " + std::to_string(static_cast<int32_t>(package.Word(1)));
+  }
+  const uint32_t type = package.Word(0);
+  kelo_task_create_event fork{};
+  kelo_task_exit_event exit{};
+  bool ofChild = false;
+  if (type == KELO_EVENT_TASK_CREATE && package.payload.size() == sizeof(fork)) {
+    memcpy(&fork, package.payload.data(), sizeof(fork));
+    ofChild = fork.pid == child && fork.ppid == getpid() && fork.kind == KELO_TASK_KIND_PROCESS;
+  } else if (type == KELO_EVENT_TASK_EXIT && package.payload.size() == sizeof(exit)) {
+    memcpy(&exit, package.payload.data(), sizeof(exit));
+    ofChild = exit.pid == child && exit.kind == KELO_TASK_KIND_PROCESS;
+  }
+  return std::to_string(type) + (ofChild ? " child" : "");
+}
+
+TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
+  StartServiceLikeTheDaemon();
+  kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
+  ASSERT_TRUE(client.Connect());
+  ASSERT_TRUE(client.Send(kelo_test::Request(0, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_CREATE) +
+                          kelo_test::Request(1, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_EXIT)));
+  // Packages in arrival order up to one tagged `tag`; other processes of the
+  // machine fork and exit too.
+  std::vector<std::string> tags;
+  const auto readUntil = [&](const std::string& tag, pid_t child) {
+    while (std::find(tags.begin(), tags.end(), tag) == tags.end()) {
+      std::optional<kelo_test::Package> package = client.Next();
+      if (!package) return false;
+      tags.push_back(Tag(*package, child));
+    }
+    return true;
+  };
+  ASSERT_TRUE(readUntil("response 0: 0", 0) && readUntil("response 1: 0", 0)) << android::base::Join(tags, ", ");
+  // Task events flow once the normal pump has switched them on.
+  ASSERT_TRUE(WaitUntil([] {
+    auto status = kelo_test::StatusArray::Open(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status"));
+    return status && (status->Get(KELO_RB_STATUS_FLAGS) & KELO_RB_FLAG_CORE) != 0;
+  }));
+  ASSERT_TRUE(readUntil("3 child", RunChild())) << android::base::Join(tags, ", ");
+
+  const auto first = [&](const std::string& prefix) {
+    return std::find_if(tags.begin(), tags.end(),
+                        [&](const std::string& tag) { return android::base::StartsWith(tag, prefix); }) -
+           tags.begin();
+  };
+  EXPECT_LT(first("2 child"), first("3 child"));
+  // Each subscription is answered under the id its request carried before
+  // any event of its type arrives; only the subscribed types (2 and 3) are
+  // delivered.
+  EXPECT_LT(first("response 0: 0"), first("2"));
+  EXPECT_LT(first("response 1: 0"), first("3"));
+  for (const std::string& tag : tags) EXPECT_TRUE(tag[0] == 'r' || tag[0] == '2' || tag[0] == '3') << tag;
+}
+
+TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
+  StartServiceLikeTheDaemon();
+  // A delivered fork record shows that the pumps run, and so that the dump
+  // handlers they install are in place.
+  kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
+  ASSERT_TRUE(client.Connect());
+  ASSERT_EQ(client.Ask(0, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_CREATE), 0);
+  ASSERT_TRUE(WaitUntil([&] {
+    RunChild();
+    return client.Next(100ms).has_value();
+  }));
+  // Each round adds a fork and an exit and asks for a fresh file, until one
+  // holds them.
+  std::optional<std::vector<long long>> totals;
+  ASSERT_TRUE(WaitUntil([&] {
+    RunChild();
+    unlink(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE);
+    kill(getpid(), SIGNAL_DUMP_STATE);
+    if (!WaitUntil([] { return access(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, F_OK) == 0; }, 1s)) return false;
+    totals = StateFileTotals();
+    return totals && (*totals)[1 + KELO_EVENT_TASK_CREATE] > 0 && (*totals)[1 + KELO_EVENT_TASK_EXIT] > 0;
+  }));
+  EXPECT_GT((*totals)[0], 0);                          // all events
+  EXPECT_GT((*totals)[1 + KELO_EVENT_POLL_COUNT], 0);  // polls
+}
+
+// A daemon or client binary of this build, run with its output in files.
+class Tool {
+ public:
+  Tool(const std::string& path, std::vector<std::string> args, const std::string& name)
+      : outPath("/data/" + name + ".out"), errPath("/data/" + name + ".err") {
+    args.insert(args.begin(), path);
+    // A ThreadSanitizer build of a tool must not report the service's client
+    // endpoint thread, which nothing joins by design (the service has no
+    // orderly shutdown and the daemon ends with _exit).
+    const char* tsanOptions = getenv("TSAN_OPTIONS");
+    std::vector<std::string> env{"TSAN_OPTIONS=" + (tsanOptions ? std::string(tsanOptions) + ":" : "") +
+                                 "report_thread_leaks=0"};
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      if (!android::base::StartsWith(*entry, "TSAN_OPTIONS=")) env.emplace_back(*entry);
+    }
+    const auto pointers = [](std::vector<std::string>& strings) {
+      std::vector<char*> out;
+      for (std::string& s : strings) out.push_back(s.data());
+      out.push_back(nullptr);
+      return out;
+    };
+    std::vector<char*> argv = pointers(args), envp = pointers(env);
+    android::base::unique_fd out(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    android::base::unique_fd err(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    pid = fork();
+    if (pid == 0) {
+      dup2(out.get(), STDOUT_FILENO);
+      dup2(err.get(), STDERR_FILENO);
+      // The test runner may block signals the tools rely on.
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      execve(path.c_str(), argv.data(), envp.data());
+      _exit(127);
+    }
+  }
+  ~Tool() {
+    if (pid > 0 && !exited) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+  }
+
+  void Signal(int signal) const { kill(pid, signal); }
+  // The exit status once the tool has ended (signal deaths count as 128 +
+  // signal), or nothing after `limit`.
+  std::optional<int> Wait(std::chrono::milliseconds limit = 30s) {
+    int status = 0;
+    if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) return std::nullopt;
+    exited = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  std::string Out() const { return Read(outPath); }
+  std::string Err() const { return Read(errPath); }
+  bool Printed(const std::string& text) const { return Out().find(text) != std::string::npos; }
+  bool Logged(const std::string& text) const { return Err().find(text) != std::string::npos; }
+
+ private:
+  static std::string Read(const std::string& path) {
+    std::string text;
+    android::base::ReadFileToString(path, &text);
+    return text;
+  }
+
+  const std::string outPath;
+  const std::string errPath;
+  pid_t pid = -1;
+  bool exited = false;
+};
+
+TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
+  Tool daemon(KELO_DAEMON_PATH, {"--load"}, "daemon");
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
+  ASSERT_TRUE(WaitUntil(ServiceListening));
+  Tool client(KELO_CLIENT_PATH, {"--type", "2", "--type", "3"}, "client");
+  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=1 type=3 result=0"); }))
+      << client.Out() << client.Err();
+
+  // Children until the client shows one of them: the kernel side may still be
+  // switching task events on when the first is made.
+  ASSERT_TRUE(WaitUntil([&] {
+    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
+    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
+  })) << client.Out();
+  EXPECT_TRUE(client.Printed("kind=process"));
+  // The subscriber library sends request ids from 0 in the order of the
+  // types and matches each answer to its type, before any event.
+  EXPECT_LT(client.Out().find("response reqId=0 type=2 result=0"), client.Out().find("fork ts="));
+  EXPECT_LT(client.Out().find("response reqId=1 type=3 result=0"), client.Out().find("fork ts="));
+
+  client.Signal(SIGTERM);
+  EXPECT_EQ(client.Wait(), 0) << client.Err();
+  EXPECT_TRUE(client.Printed("summary type=2 name=fork events="));
+  EXPECT_FALSE(client.Printed("summary type=2 name=fork events=0\n"));
+
+  daemon.Signal(SIGNAL_DUMP_STATE);
+  EXPECT_TRUE(WaitUntil([] { return StateFileTotals().has_value(); }));
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
+  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
+}
+
+TEST(E2eTools, DaemonEndsWithSuccessWhenStoppedBeforeReadinessOrDisabled) {
+  Tool waiting(KELO_DAEMON_PATH, {"--no-ready"}, "waiting");
+  ASSERT_TRUE(WaitUntil(ServiceListening)) << waiting.Err();
+  waiting.Signal(SIGINT);
+  EXPECT_EQ(waiting.Wait(), 0) << waiting.Err();
+  EXPECT_TRUE(waiting.Logged("[kelobpfd] Service stopped before it was made ready")) << waiting.Err();
+
+  Tool disabled(KELO_DAEMON_PATH, {"--prop", "persist.sys.stability.bpfframework.disable=1"}, "disabled");
+  EXPECT_EQ(disabled.Wait(), 0) << disabled.Err();
+  EXPECT_TRUE(disabled.Logged("[BpfServiceMain] Starting KELO Bpf Service disabled!")) << disabled.Err();
+  EXPECT_TRUE(disabled.Logged("Property ro.kernel.version=")) << disabled.Err();
+}
+
+TEST(E2eTools, ClientWithoutAServiceFailsWhenItsDurationEndsAndBadUsageEndsEitherToolWithTwo) {
+  Tool client(KELO_CLIENT_PATH, {"--type", "2", "--duration", "0.5"}, "client");
+  EXPECT_EQ(client.Wait(), 1);
+  EXPECT_TRUE(client.Logged("subscription of type 2 was not answered")) << client.Err();
+  EXPECT_TRUE(client.Printed("summary type=2 name=fork events=0")) << client.Out();
+
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--type", "two"}, {"--count", "0"}, {"--duration", "-1"}, {"extra"}}) {
+    EXPECT_EQ(Tool(KELO_CLIENT_PATH, args, "client").Wait(), 2) << args[0];
+  }
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--prop", "no-value-given"}, {"--ready-delay", "soon"}, {"extra"}}) {
+    EXPECT_EQ(Tool(KELO_DAEMON_PATH, args, "daemon").Wait(), 2) << args[0];
+  }
+}
+
+}  // namespace
