@@ -7,18 +7,11 @@
 // at the fixed service paths (KELO_BPF_MAP_PATH in bpf/kelo_bpf_events.h) is
 // private to the test. Failures are reported to GoogleTest (ADD_FAILURE) with
 // the reason and signalled by a null result or false.
-//
-// Typical use in a service test:
-//   auto rings = kelo_test::ServiceRingBuffers::Create();
-//   rings->normalStatus->Set(KELO_RB_STATUS_FLAGS, KELO_RB_FLAG_CORE);
-//   kelo_task_exit_event exit{}; ...
-//   ASSERT_TRUE(rings->normal->InjectRecord(exit));
 #pragma once
 
 #include <android-base/unique_fd.h>
 #include <linux/bpf.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -36,12 +29,6 @@ namespace kelo_test {
 // Creates dir and its missing parents (mkdir -p); true when it exists after.
 bool MakeDirs(const std::string& dir);
 
-// Creates a map and pins it at path (parents created). Returns the map's
-// descriptor, or an empty one after reporting the failure.
-android::base::unique_fd CreatePinnedMap(const std::string& path, bpf_map_type type,
-                                         uint32_t keySize, uint32_t valueSize,
-                                         uint32_t maxEntries);
-
 // A BPF ring buffer plus an injector that writes records into it from the
 // kernel side, exactly as a kernel program's bpf_ringbuf_output would.
 class RingBufferFixture {
@@ -52,8 +39,6 @@ class RingBufferFixture {
   // Creates a ring buffer of size bytes (a power of two, at least one page)
   // and pins it at path.
   static std::unique_ptr<RingBufferFixture> Create(const std::string& path, uint32_t size);
-  // Wraps an already pinned ring buffer, e.g. one pinned by LoadAndPinPrograms.
-  static std::unique_ptr<RingBufferFixture> Open(const std::string& path);
 
   RingBufferFixture(const RingBufferFixture&) = delete;
   RingBufferFixture& operator=(const RingBufferFixture&) = delete;
@@ -65,10 +50,6 @@ class RingBufferFixture {
   // entry, byte for byte: a consumer sees exactly these bytes and this length.
   // False when the ring buffer is full or len is out of range.
   bool Inject(const void* record, size_t len);
-  template <typename T>
-  bool InjectRecord(const T& record) {
-    return Inject(&record, sizeof(record));
-  }
 
  private:
   RingBufferFixture(std::string path, android::base::unique_fd map);
@@ -122,9 +103,6 @@ class RingBufferReader {
 
   // Records that are ready now, oldest first (does not block).
   std::vector<std::vector<uint8_t>> Drain();
-  // Polls until at least count records were collected or timeout passed and
-  // returns everything collected.
-  std::vector<std::vector<uint8_t>> WaitFor(size_t count, std::chrono::milliseconds timeout);
 
  private:
   RingBufferReader() = default;
