@@ -6,32 +6,33 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
-#include "tests/utils/kelo_bpf_ipc_test_support.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 
-using kelo_ipc_test::ErrorLogCount;
-using kelo_ipc_test::Frame;
-using kelo_ipc_test::U32;
+using kelo_test::ErrorLogCount;
+using kelo_test::Frame;
+using kelo_test::U32;
 
 constexpr size_t BUFFER_SIZE = 32768;
 
 class IpcPackageManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!kelo_ipc_test::InSandbox()) GTEST_SKIP() << "needs scripts/sandbox.sh";
-    kelo_ipc_test::ResetErrorLog();
+    KELO_SKIP_OUTSIDE_SANDBOX();
+    kelo_test::ResetErrorLog();
     buffer.allocate(BUFFER_SIZE);
   }
   std::string contents() const { return std::string(buffer.buffer.data(), buffer.bufferDataCursor); }
+  bool logged(const std::string& text) const { return kelo_test::ErrorLogText().find(text) != std::string::npos; }
   IpcPackageManager queue;
   BufferState buffer;
 };
 
 TEST_F(IpcPackageManagerTest, SerialisesEveryFormOntoTheWire) {
-  const char data[] = "args";
-  KeloReqIpcPackage req{7, 51, 4, data};
+  KeloReqIpcPackage req{7, 51, 4, "args"};
   KeloRespIpcPackage resp{7, -1, 0, nullptr};
   queue.appendReqIpcPackage(&req);
   queue.appendRespIpcPackage(&resp);
@@ -48,27 +49,24 @@ TEST_F(IpcPackageManagerTest, SerialisesEveryFormOntoTheWire) {
   EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
 }
 
-// Appends one package by each form; the error-log code tells the forms apart.
-struct AppendForm {
-  int code;
-  const char* logText;
-  std::function<void(IpcPackageManager&)> append;
-};
-
 TEST_F(IpcPackageManagerTest, OverflowTrimsToTheLowWaterMarkOncePerBurst) {
   KeloReqIpcPackage req{1, 2, 0, nullptr};
   KeloRespIpcPackage resp{1, 0, 0, nullptr};
-  const AppendForm forms[] = {
+  // One append of each form; the error-log code tells the forms apart.
+  const struct {
+    int code;
+    const char* logText;
+    std::function<void(IpcPackageManager&)> append;
+  } forms[] = {
       {3, "[BuildAndAppendIpc] ipc Package Queue too big: 10001",
        [](IpcPackageManager& q) { q.buildAndAppendIpcPackage("\x02\0\0\0\0\0\0\0", 8); }},
       {4, "[AppendSecondIpc] ipc Package Queue too big: 10001",
        [](IpcPackageManager& q) { q.buildAndAppendSecondIpcPackage(2, nullptr, 0); }},
-      {5, "[AppendReqIpc] ipc Package Queue too big: 10001",
-       [&req](IpcPackageManager& q) { q.appendReqIpcPackage(&req); }},
+      {5, "[AppendReqIpc] ipc Package Queue too big: 10001", [&](IpcPackageManager& q) { q.appendReqIpcPackage(&req); }},
       {6, "[AppendRespIpc] ipc Package Queue too big: 10001",
-       [&resp](IpcPackageManager& q) { q.appendRespIpcPackage(&resp); }},
+       [&](IpcPackageManager& q) { q.appendRespIpcPackage(&resp); }},
   };
-  for (const AppendForm& form : forms) {
+  for (const auto& form : forms) {
     IpcPackageManager q;
     // The first package is marked so that it can be told from the others.
     q.buildAndAppendSecondIpcPackage(3, "first", 5);
@@ -80,7 +78,7 @@ TEST_F(IpcPackageManagerTest, OverflowTrimsToTheLowWaterMarkOncePerBurst) {
     form.append(q);
     EXPECT_EQ(q.getIpcPackageCount(), 5001u) << form.code;
     EXPECT_EQ(ErrorLogCount(form.code), 1) << form.code;
-    EXPECT_NE(kelo_ipc_test::ErrorLogText().find("Error: B&A Ipc Package queue full 10000"), std::string::npos);
+    EXPECT_TRUE(logged("Error: B&A Ipc Package queue full 10000"));
     EXPECT_EQ(log.count(form.logText), 1) << form.code;
     form.append(q);
     EXPECT_EQ(q.getIpcPackageCount(), 5002u) << "no second trim below the mark";
@@ -97,13 +95,11 @@ TEST_F(IpcPackageManagerTest, PackageOfTheWholeBufferFitsOneByteMoreIsRemoved) {
   const std::string fits(BUFFER_SIZE - 4 - 8, 'f');
   const std::string tooBig(BUFFER_SIZE - 4 - 8 + 1, 't');
   kelo_test::LogCapture log;
-
   queue.buildAndAppendSecondIpcPackage(2, tooBig.data(), tooBig.size());
   queue.buildAndAppendSecondIpcPackage(2, fits.data(), fits.size());
   EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
   EXPECT_EQ(ErrorLogCount(8), 1);
-  EXPECT_NE(kelo_ipc_test::ErrorLogText().find("Error: fillNextIpcPackageToBuffer ipc package damaged"),
-            std::string::npos);
+  EXPECT_TRUE(logged("Error: fillNextIpcPackageToBuffer ipc package damaged"));
   EXPECT_EQ(queue.getIpcPackageCount(), 1u);
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
   EXPECT_EQ(buffer.bufferDataCursor, BUFFER_SIZE) << "exactly full";

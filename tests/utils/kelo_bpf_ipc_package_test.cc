@@ -4,18 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
-#include "tests/utils/kelo_bpf_ipc_test_support.h"
+#include "tests/support/sandbox.h"
 #include "utils/kelo_bpf_ipc_package_handler.h"
 
 namespace {
 
-using kelo_ipc_test::ErrorLogCount;
-using kelo_ipc_test::Frame;
-using kelo_ipc_test::U32;
+using kelo_test::Frame;
+using kelo_test::U32;
+using ::testing::ElementsAre;
 
 BufferState Holding(size_t size, const std::string& bytes) {
   BufferState state;
@@ -29,45 +29,21 @@ TEST(BufferStateTest, CompactionKeepsOnlyUnreadBytes) {
   state.read(4);
   state.compact();
   EXPECT_EQ(state.bufferCursor, 0u);
-  EXPECT_EQ(state.bufferDataCursor, 2u);
-  EXPECT_EQ(std::string(state.buffer.data(), 2), "ef");
-
+  EXPECT_EQ(std::string(state.buffer.data(), state.bufferDataCursor), "ef");
   state.read(2);
   state.compact();
-  EXPECT_EQ(state.bufferDataCursor, 0u) << "nothing unread: emptied without a move";
+  EXPECT_EQ(state.bufferDataCursor, 0u);
 }
 
-class FrameCheckTest : public ::testing::Test {
+// Frames checked and dispatched out of a read buffer; damage is recorded in
+// the error log under the sandbox's /data.
+class PackageHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!kelo_ipc_test::InSandbox()) GTEST_SKIP() << "needs scripts/sandbox.sh";
-    kelo_ipc_test::ResetErrorLog();
+    KELO_SKIP_OUTSIDE_SANDBOX();
+    kelo_test::ResetErrorLog();
   }
-  uint32_t headerSize = 0;
-  uint32_t packageSize = 0;
-};
-
-TEST_F(FrameCheckTest, FrameFillingTheWholeBufferFitsOneMoreByteIsDamage) {
-  BufferState exact = Holding(64, U32(60) + std::string(60, 'a'));
-  EXPECT_TRUE(CheckIpcPackageComplete(&exact, &headerSize, &packageSize));
-
-  kelo_test::LogCapture log;
-  BufferState over = Holding(64, U32(61) + "abc");
-  EXPECT_FALSE(CheckIpcPackageComplete(&over, &headerSize, &packageSize));
-  EXPECT_EQ(over.bufferDataCursor, 0u) << "damage drops the buffer";
-  EXPECT_TRUE(
-      log.contains("Ipc package too big or damage, clear buffer. packageSize: 65, cursor: 0, data: 7, "
-                   "bufferSize: 64"));
-  EXPECT_TRUE(log.contains("Buffer hexdump: 3d 00 00 00 61 62 63 "));
-  EXPECT_EQ(ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED), 1);
-  EXPECT_THAT(kelo_ipc_test::ErrorLogText(),
-              ::testing::HasSubstr("Error: Ipc package damage, packageSize: 65, cursor: 0, data: 7, bufferSize: 64, "
-                                   "Buffer hexdump: 3d 00 00 00 61 62 63 "));
-}
-
-// Records every dispatched package as "<fd>:<type>:<payload>".
-class PackageHandlerTest : public FrameCheckTest {
- protected:
+  // Records every dispatched package as "<fd>:<type>:<payload>".
   IpcPackageHandlerFunc recorder(uint32_t type, int result) {
     return [this, type, result](int fd, char* data, uint32_t size) {
       seen.push_back(std::to_string(fd) + ":" + std::to_string(type) + ":" + std::string(data, size));
@@ -77,23 +53,41 @@ class PackageHandlerTest : public FrameCheckTest {
   std::vector<std::string> seen;
 };
 
+TEST_F(PackageHandlerTest, FrameFillingTheWholeBufferFitsOneMoreByteIsDamage) {
+  uint32_t headerSize = 0, packageSize = 0;
+  BufferState exact = Holding(64, U32(60) + std::string(60, 'a'));
+  EXPECT_TRUE(CheckIpcPackageComplete(&exact, &headerSize, &packageSize));
+
+  kelo_test::LogCapture log;
+  BufferState over = Holding(64, U32(61) + "abc");
+  EXPECT_FALSE(CheckIpcPackageComplete(&over, &headerSize, &packageSize));
+  EXPECT_EQ(over.bufferDataCursor, 0u) << "damage drops the buffer";
+  EXPECT_TRUE(log.contains("Ipc package too big or damage, clear buffer. packageSize: 65, cursor: 0, data: 7, "
+                           "bufferSize: 64"));
+  EXPECT_TRUE(log.contains("Buffer hexdump: 3d 00 00 00 61 62 63 "));
+  EXPECT_EQ(kelo_test::ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED), 1);
+  EXPECT_THAT(kelo_test::ErrorLogText(),
+              ::testing::HasSubstr("Error: Ipc package damage, packageSize: 65, cursor: 0, data: 7, bufferSize: 64, "
+                                   "Buffer hexdump: 3d 00 00 00 61 62 63 "));
+}
+
 TEST_F(PackageHandlerTest, DispatchesWholeFramesAndKeepsTheRest) {
   IpcPackageHandler handler({{2, recorder(2, 0)}, {3, recorder(3, -1)}});
   const std::string third = Frame(2, "third");
   BufferState state = Holding(256, Frame(2, "one") + Frame(2, "") + third.substr(0, 7));
   EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &state));
-  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:"));
+  EXPECT_THAT(seen, ElementsAre("7:2:one", "7:2:"));
   EXPECT_EQ(state.bufferDataCursor - state.bufferCursor, 7u) << "the half frame stays";
 
   const std::string rest = third.substr(7) + Frame(3, "stop") + Frame(9, "unknown") + Frame(2, "last");
   state.write(rest.data(), rest.size());
   EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &state)) << "a handler failed";
-  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop"));
+  EXPECT_THAT(seen, ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop"));
   EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &state)) << "the rest on the next call";
-  EXPECT_THAT(seen, ::testing::ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop", "7:2:last"));
+  EXPECT_THAT(seen, ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop", "7:2:last"));
 }
 
-TEST_F(PackageHandlerTest, MismatchedSizeFieldIsFatal) {
+TEST(PackageHandlerDeathTest, MismatchedSizeFieldIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   IpcPackageHandler handler({});
   std::string package = U32(2) + U32(5) + "abcd";  // says 5, carries 4
@@ -103,19 +97,13 @@ TEST_F(PackageHandlerTest, MismatchedSizeFieldIsFatal) {
   EXPECT_DEATH(handler.handleSecondIpcPackage(1, tooShort.data(), tooShort.size()), "Check failed: packagePtr->size");
 }
 
-// A response payload as it sits in a read buffer: at an odd offset, header
-// then data.
-std::string ResponsePayload(uint32_t reqId, int32_t result, const std::string& data) {
-  return "!" + U32(reqId) + U32(static_cast<uint32_t>(result)) + U32(static_cast<uint32_t>(data.size())) + data;
-}
-
 TEST(IpcReqCallBackManagerTest, EachResponseReachesItsCallbackOnce) {
   IpcReqCallBackManager manager;
   EXPECT_EQ(manager.getReqId(), 0u);
   EXPECT_EQ(manager.getReqId(), 1u);
 
   std::vector<std::string> calls;
-  auto recorder = [&calls](const std::string& tag) {
+  const auto recorder = [&calls](const std::string& tag) {
     return [&calls, tag](uint32_t reqId, int result, char* data, uint32_t dataSize) {
       calls.push_back(tag + ":" + std::to_string(reqId) + ":" + std::to_string(result) + ":" +
                       std::string(data, dataSize));
@@ -129,16 +117,17 @@ TEST(IpcReqCallBackManagerTest, EachResponseReachesItsCallbackOnce) {
   EXPECT_TRUE(manager.delIpcReq(3));
   EXPECT_FALSE(manager.delIpcReq(3));
 
+  // Responses as they sit in a read buffer: at an odd offset, header then data.
   kelo_test::LogCapture log;
-  std::string one = ResponsePayload(1, -1, "data");
-  std::string two = ResponsePayload(2, 0, "");
-  std::string three = ResponsePayload(3, 0, "");
-  auto asResponse = [](std::string& s) { return reinterpret_cast<KeloRespIpcPackage*>(&s[1]); };
-  EXPECT_TRUE(manager.handleReqCallBack(asResponse(one)));
-  EXPECT_FALSE(manager.handleReqCallBack(asResponse(one))) << "already answered";
-  EXPECT_TRUE(manager.handleReqCallBack(asResponse(two))) << "empty callback";
-  EXPECT_FALSE(manager.handleReqCallBack(asResponse(three))) << "withdrawn";
-  EXPECT_THAT(calls, ::testing::ElementsAre("second:1:-1:data"));
+  const auto answer = [&](uint32_t reqId, int32_t result, const std::string& data) {
+    std::string bytes = "!" + U32(reqId) + U32(static_cast<uint32_t>(result)) + U32(static_cast<uint32_t>(data.size())) + data;
+    return manager.handleReqCallBack(reinterpret_cast<KeloRespIpcPackage*>(&bytes[1]));
+  };
+  EXPECT_TRUE(answer(1, -1, "data"));
+  EXPECT_FALSE(answer(1, -1, "data")) << "already answered";
+  EXPECT_TRUE(answer(2, 0, "")) << "empty callback";
+  EXPECT_FALSE(answer(3, 0, "")) << "withdrawn";
+  EXPECT_THAT(calls, ElementsAre("second:1:-1:data"));
   EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 1\n"), 1);
   EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 3\n"), 1);
 }

@@ -16,39 +16,31 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
-#include "tests/utils/kelo_bpf_ipc_test_support.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wait.h"
 #include "utils/kelo_bpf_ipc_package_handler.h"
 #include "utils/kelo_bpf_ipc_package_manager.h"
 
 namespace {
 
-using kelo_ipc_test::ErrorLogCount;
-using kelo_ipc_test::Frame;
-using kelo_ipc_test::RawConnect;
-using kelo_ipc_test::SendAll;
-using kelo_ipc_test::U32;
-using kelo_ipc_test::WaitFor;
+using kelo_test::ErrorLogCount;
+using kelo_test::Frame;
+using kelo_test::WaitUntil;
 using ::testing::ElementsAre;
 
 constexpr int BUFFER_SIZE = 32768;
 constexpr auto QUIET_PERIOD = std::chrono::milliseconds(200);
 constexpr char SOCKET_NAME[] = "kelo_ipc_test";
 
-cpu_set_t AllProcessors() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  for (unsigned cpu = 0; cpu < std::thread::hardware_concurrency(); ++cpu) CPU_SET(cpu, &set);
-  return set;
-}
-
 // One endpoint wired the way an application wires it: frames dispatched by an
 // IpcPackageHandler, one outgoing queue per connection drained by the
 // writeable hook. Type-2 packages are recorded; "fail" makes the handler fail.
 class Endpoint {
  public:
-  Endpoint(bool isServer, std::map<uint32_t, IpcPackageHandlerFunc> extraHandlers = {})
-      : handler(withRecorder(std::move(extraHandlers))) {
+  explicit Endpoint(bool isServer, std::map<uint32_t, IpcPackageHandlerFunc> handlers = {})
+      : handler(withRecorder(std::move(handlers))) {
     IpcHandlerState hooks;
     hooks.compactReadBuffer = true;
     hooks.closeOnError = true;
@@ -74,9 +66,8 @@ class Endpoint {
       return 0;
     };
     manager = std::make_unique<UnixIpcManager>(isServer, BUFFER_SIZE, SOCKET_NAME, hooks,
-                                               isServer ? "ipc-server" : "ipc-client", AllProcessors(), 10, 32);
+                                               isServer ? "ipc-server" : "ipc-client", 10, 32);
   }
-
   // The worker uses the members below until it is joined.
   ~Endpoint() { manager.reset(); }
 
@@ -89,18 +80,14 @@ class Endpoint {
     queue(fd)->buildAndAppendSecondIpcPackage(2, payload.data(), payload.size());
     manager->notifyNeedWriteData(fd);
   }
-  std::vector<int> connected() {
+  template <typename T>
+  T locked(const T& member) {
     std::lock_guard<std::mutex> lock(mutex);
-    return connections;
+    return member;
   }
-  std::vector<int> closed() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return closes;
-  }
-  std::vector<std::string> received() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return packages;
-  }
+  std::vector<int> connected() { return locked(connections); }
+  std::vector<int> closed() { return locked(closes); }
+  std::vector<std::string> received() { return locked(packages); }
 
   std::unique_ptr<UnixIpcManager> manager;
   std::atomic<int> reads{0};
@@ -131,9 +118,11 @@ int ListeningSocket() {
     socklen_t len = sizeof(listening);
     sockaddr_un addr{};
     socklen_t addrLen = sizeof(addr);
-    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || listening == 0) continue;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &addrLen) != 0) continue;
-    if (std::string(addr.sun_path + 1, strlen(SOCKET_NAME)) == SOCKET_NAME) return fd;
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 && listening != 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &addrLen) == 0 &&
+        std::string(addr.sun_path + 1, strlen(SOCKET_NAME)) == SOCKET_NAME) {
+      return fd;
+    }
   }
   return -1;
 }
@@ -141,22 +130,21 @@ int ListeningSocket() {
 class UnixIpcManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!kelo_ipc_test::InSandbox()) GTEST_SKIP() << "needs scripts/sandbox.sh";
-    kelo_ipc_test::ResetErrorLog();
+    KELO_SKIP_OUTSIDE_SANDBOX();
+    kelo_test::ResetErrorLog();
   }
   // A started server with `clients` raw clients connected, in order.
   void serve(int clients) {
     server = std::make_unique<Endpoint>(true);
     ASSERT_TRUE(server->manager->start());
     for (int i = 0; i < clients; ++i) {
-      android::base::unique_fd fd;
-      ASSERT_TRUE(WaitFor([&] { return (fd = RawConnect(SOCKET_NAME)).ok(); }));
-      raw.push_back(std::move(fd));
-      ASSERT_TRUE(WaitFor([&] { return server->connected().size() == raw.size(); }));
+      raw.emplace_back(SOCKET_NAME);
+      ASSERT_TRUE(raw.back().Connect());
+      ASSERT_TRUE(WaitUntil([&] { return server->connected().size() == raw.size(); }));
     }
   }
   std::unique_ptr<Endpoint> server;
-  std::vector<android::base::unique_fd> raw;
+  std::vector<kelo_test::IpcClient> raw;
 };
 
 TEST_F(UnixIpcManagerTest, ResponsesReachTheCallbackOfTheirRequest) {
@@ -172,8 +160,7 @@ TEST_F(UnixIpcManagerTest, ResponsesReachTheCallbackOfTheirRequest) {
     server->manager->notifyNeedWriteData(fd);
     return 0;
   };
-  server =
-      std::make_unique<Endpoint>(true, std::map<uint32_t, IpcPackageHandlerFunc>{{IPC_PACKAGE_TYPE_REQUEST, answer}});
+  server = std::make_unique<Endpoint>(true, std::map<uint32_t, IpcPackageHandlerFunc>{{IPC_PACKAGE_TYPE_REQUEST, answer}});
   IpcReqCallBackManager pending;
   std::atomic<int> refused{0};
   Endpoint client(false, {{IPC_PACKAGE_TYPE_RESPONSE, [&](int, char* data, uint32_t) {
@@ -181,9 +168,9 @@ TEST_F(UnixIpcManagerTest, ResponsesReachTheCallbackOfTheirRequest) {
                              return 0;
                            }}});
   ASSERT_TRUE(server->manager->start());
-  ASSERT_TRUE(WaitFor([] { return ListeningSocket() != -1; }));
+  ASSERT_TRUE(WaitUntil([] { return ListeningSocket() != -1; }));
   ASSERT_TRUE(client.manager->start());
-  ASSERT_TRUE(WaitFor([&] { return client.connected().size() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return client.connected().size() == 1; }));
   const int link = client.connected()[0];
 
   std::mutex answersMutex;
@@ -202,7 +189,7 @@ TEST_F(UnixIpcManagerTest, ResponsesReachTheCallbackOfTheirRequest) {
     // Both ways of asking for the write: from the loop and right here.
     ASSERT_TRUE(code == 52u ? client.manager->writeDataNow(link) : client.manager->notifyNeedWriteData(link));
   }
-  ASSERT_TRUE(WaitFor([&] { return refused == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return refused == 1; }));
   std::lock_guard<std::mutex> lock(answersMutex);
   EXPECT_EQ(answers, (std::map<uint32_t, std::string>{{0, "1051:15sgra;"}, {1, "1052:25sgra;"}, {2, "1099:99sgra;"}}));
   EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 2"), 1) << "the repeated answer";
@@ -219,12 +206,12 @@ TEST_F(UnixIpcManagerTest, FramesAreCutOutOfWhateverTheReceivesDeliver) {
   const std::string split = Frame(2, "split into single bytes");
   expected.push_back("split into single bytes");
   // Many frames in one receive, then one frame over one receive per byte.
-  ASSERT_TRUE(SendAll(raw[0].get(), burst + split.substr(0, 1)));
-  ASSERT_TRUE(WaitFor([&] { return server->reads == 1; }));
+  ASSERT_TRUE(raw[0].Send(burst + split.substr(0, 1)));
+  ASSERT_TRUE(WaitUntil([&] { return server->reads == 1; }));
   EXPECT_EQ(server->received().size(), 300u);
   for (size_t i = 1; i < split.size(); ++i) {
-    ASSERT_TRUE(SendAll(raw[0].get(), split.substr(i, 1)));
-    ASSERT_TRUE(WaitFor([&] { return server->reads == static_cast<int>(i + 1); }));
+    ASSERT_TRUE(raw[0].Send(split.substr(i, 1)));
+    ASSERT_TRUE(WaitUntil([&] { return server->reads == static_cast<int>(i + 1); }));
   }
   EXPECT_EQ(server->received(), expected);
 }
@@ -232,18 +219,18 @@ TEST_F(UnixIpcManagerTest, FramesAreCutOutOfWhateverTheReceivesDeliver) {
 TEST_F(UnixIpcManagerTest, DamagedLengthDropsTheBufferAndKeepsTheConnection) {
   serve(1);
   const std::string whole(BUFFER_SIZE - 4 - 8, 'w');
-  ASSERT_TRUE(SendAll(raw[0].get(), Frame(2, whole)));
-  ASSERT_TRUE(WaitFor([&] { return server->received().size() == 1; }));
+  ASSERT_TRUE(raw[0].Send(Frame(2, whole)));
+  ASSERT_TRUE(WaitUntil([&] { return server->received().size() == 1; }));
   EXPECT_EQ(server->received()[0], whole) << "a frame of the whole buffer";
 
   int damaged = 0;
   for (uint32_t length : {static_cast<uint32_t>(BUFFER_SIZE - 4 + 1), 0xFFFFFFFCu, 0xFFFFFFFFu}) {
-    ASSERT_TRUE(SendAll(raw[0].get(), U32(length)));
-    ASSERT_TRUE(WaitFor([&] { return ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED) == damaged + 1; }));
+    ASSERT_TRUE(raw[0].Send(kelo_test::U32(length)));
+    ASSERT_TRUE(WaitUntil([&] { return ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED) == damaged + 1; }));
     ++damaged;
     const std::string after = "after " + std::to_string(length);
-    ASSERT_TRUE(SendAll(raw[0].get(), Frame(2, after)));
-    ASSERT_TRUE(WaitFor([&] { return server->received().back() == after; })) << "read from a clean buffer";
+    ASSERT_TRUE(raw[0].Send(Frame(2, after)));
+    ASSERT_TRUE(WaitUntil([&] { return server->received().back() == after; })) << "read from a clean buffer";
   }
   EXPECT_TRUE(server->closed().empty());
 }
@@ -264,29 +251,26 @@ TEST_F(UnixIpcManagerTest, SlowPeerLosesItsBufferedBytesAndOthersStayServed) {
   EXPECT_EQ(log.count("[UnixIpcManager] Socket buffer full! tryCount: 11,"), 1);
   EXPECT_EQ(log.count("[UnixIpcManager] Send data 10 times failed!"), 1);
   EXPECT_EQ(log.count("[UnixIpcManager] Clear send buffer"), 1);
-  EXPECT_THAT(kelo_ipc_test::ErrorLogText(), ::testing::HasSubstr("Error: Send data 10 times failed. bufferCursor: "));
+  EXPECT_THAT(kelo_test::ErrorLogText(), ::testing::HasSubstr("Error: Send data 10 times failed. bufferCursor: "));
 
   server->send(fast, "still served");
-  std::string got(Frame(2, "still served").size(), '\0');
-  ASSERT_TRUE(android::base::ReadFully(raw[1].get(), got.data(), got.size()));
-  EXPECT_EQ(got, Frame(2, "still served"));
-
+  std::optional<kelo_test::Package> package = raw[1].Next();
+  ASSERT_TRUE(package);
+  EXPECT_EQ(package->payload, "still served");
   // The slow connection is still open: what was sent before is readable.
-  char first[4];
-  ASSERT_TRUE(android::base::ReadFully(raw[0].get(), first, sizeof(first)));
-  EXPECT_EQ(std::string(first, 4), U32(big.size() + 8));
+  package = raw[0].Next();
+  ASSERT_TRUE(package);
+  EXPECT_EQ(package->payload, big);
   EXPECT_TRUE(server->closed().empty());
 }
 
 TEST_F(UnixIpcManagerTest, IdleConnectionNeverWakesTheLoop) {
   serve(1);
-  const int fd = server->connected()[0];
-  server->send(fd, "one");
-  std::string got(Frame(2, "one").size(), '\0');
-  ASSERT_TRUE(android::base::ReadFully(raw[0].get(), got.data(), got.size()));
+  server->send(server->connected()[0], "one");
+  ASSERT_TRUE(raw[0].Next());
   // Write interest goes once the queue is empty; after that the loop sleeps.
   uint64_t settled = 0;
-  ASSERT_TRUE(WaitFor([&] {
+  ASSERT_TRUE(WaitUntil([&] {
     settled = server->manager->getWakeupCount();
     std::this_thread::sleep_for(QUIET_PERIOD);
     return server->manager->getWakeupCount() == settled;
@@ -299,18 +283,18 @@ TEST_F(UnixIpcManagerTest, ClosedConnectionIsForgottenAndItsNumberStartsClean) {
   serve(1);
   const int first = server->connected()[0];
   // Half a frame stays in the read buffer of the connection.
-  ASSERT_TRUE(SendAll(raw[0].get(), Frame(2, "never completed").substr(0, 9)));
-  ASSERT_TRUE(WaitFor([&] { return server->reads == 1; }));
-  raw[0].reset();
-  ASSERT_TRUE(WaitFor([&] { return server->closed().size() == 1; }));
+  ASSERT_TRUE(raw[0].Send(Frame(2, "never completed").substr(0, 9)));
+  ASSERT_TRUE(WaitUntil([&] { return server->reads == 1; }));
+  raw[0].Close();
+  ASSERT_TRUE(WaitUntil([&] { return server->closed().size() == 1; }));
   EXPECT_THAT(server->closed(), ElementsAre(first));
   EXPECT_FALSE(server->manager->writeDataNow(first)) << "unknown after close";
 
-  raw[0] = RawConnect(SOCKET_NAME);
-  ASSERT_TRUE(WaitFor([&] { return server->connected().size() == 2; }));
+  ASSERT_TRUE(raw[0].Connect());
+  ASSERT_TRUE(WaitUntil([&] { return server->connected().size() == 2; }));
   ASSERT_EQ(server->connected()[1], first) << "the kernel reuses the lowest free number";
-  ASSERT_TRUE(SendAll(raw[0].get(), Frame(2, "fresh")));
-  ASSERT_TRUE(WaitFor([&] { return server->received().size() == 1; }));
+  ASSERT_TRUE(raw[0].Send(Frame(2, "fresh")));
+  ASSERT_TRUE(WaitUntil([&] { return server->received().size() == 1; }));
   EXPECT_THAT(server->received(), ElementsAre("fresh"));
   std::this_thread::sleep_for(QUIET_PERIOD);
   EXPECT_EQ(server->closed().size(), 1u) << "one close per connection";
@@ -319,10 +303,9 @@ TEST_F(UnixIpcManagerTest, ClosedConnectionIsForgottenAndItsNumberStartsClean) {
 TEST_F(UnixIpcManagerTest, FailingReadHandlerClosesTheConnectionOnce) {
   serve(1);
   kelo_test::LogCapture log;
-  ASSERT_TRUE(SendAll(raw[0].get(), Frame(2, "fail") + Frame(2, "dropped")));
-  char byte;
-  EXPECT_EQ(read(raw[0].get(), &byte, 1), 0) << "the server closed";
-  ASSERT_TRUE(WaitFor([&] { return server->closed().size() == 1; }));
+  ASSERT_TRUE(raw[0].Send(Frame(2, "fail") + Frame(2, "dropped")));
+  EXPECT_FALSE(raw[0].Next()) << "the server closed";
+  ASSERT_TRUE(WaitUntil([&] { return server->closed().size() == 1; }));
   EXPECT_TRUE(log.contains("[UnixIpcManager] Callback ipc read handler failed"));
   std::this_thread::sleep_for(QUIET_PERIOD);
   EXPECT_EQ(server->closed().size(), 1u);
@@ -335,35 +318,34 @@ TEST_F(UnixIpcManagerTest, LostListeningSocketIsRecreated) {
   const int listening = ListeningSocket();
   ASSERT_NE(listening, -1);
   ASSERT_EQ(shutdown(listening, SHUT_RDWR), 0);
-  ASSERT_TRUE(WaitFor([&] { return server->closed().size() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return server->closed().size() == 1; }));
   EXPECT_TRUE(log.contains("[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (kelo_ipc_test)"));
 
-  android::base::unique_fd again;
-  ASSERT_TRUE(WaitFor([&] { return (again = RawConnect(SOCKET_NAME)).ok(); }));
-  ASSERT_TRUE(WaitFor([&] { return server->connected().size() == 2; }));
-  ASSERT_TRUE(SendAll(again.get(), Frame(2, "new listener")));
-  ASSERT_TRUE(WaitFor([&] { return server->received().size() == 1; }));
+  kelo_test::IpcClient again(SOCKET_NAME);
+  ASSERT_TRUE(again.Connect());
+  ASSERT_TRUE(WaitUntil([&] { return server->connected().size() == 2; }));
+  ASSERT_TRUE(again.Send(Frame(2, "new listener")));
+  ASSERT_TRUE(WaitUntil([&] { return server->received().size() == 1; }));
 }
 
 TEST_F(UnixIpcManagerTest, ClientWaitsForItsServerAndStopCutsTheRetryShort) {
   kelo_test::LogCapture log;
   auto client = std::make_unique<Endpoint>(false);
   ASSERT_TRUE(client->manager->start());
-  ASSERT_TRUE(WaitFor([&] { return log.contains("[UnixIpcManager] Connect failed: "); }));
+  ASSERT_TRUE(WaitUntil([&] { return log.contains("[UnixIpcManager] Connect failed: "); }));
   EXPECT_TRUE(log.contains("Wait 5 senconds"));
 
   // Found on the next attempt, one retry interval later.
   serve(0);
-  ASSERT_TRUE(WaitFor([&] { return client->connected().size() == 1; }));
-  ASSERT_TRUE(WaitFor([&] { return server->connected().size() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return client->connected().size() == 1 && server->connected().size() == 1; }));
   client->send(client->connected()[0], "hello server");
-  ASSERT_TRUE(WaitFor([&] { return server->received().size() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return server->received().size() == 1; }));
 
   // The server goes away: the client sees the close and starts retrying.
   const int before = log.count("[UnixIpcManager] Connect failed: ");
   server.reset();
-  ASSERT_TRUE(WaitFor([&] { return client->closed().size() == 1; }));
-  ASSERT_TRUE(WaitFor([&] { return log.count("[UnixIpcManager] Connect failed: ") == before + 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return client->closed().size() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return log.count("[UnixIpcManager] Connect failed: ") == before + 1; }));
   const auto stopAt = std::chrono::steady_clock::now();
   client.reset();
   EXPECT_LT(std::chrono::steady_clock::now() - stopAt, UnixIpcManager::CONNECT_RETRY_INTERVAL)
