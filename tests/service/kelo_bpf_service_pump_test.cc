@@ -1,20 +1,18 @@
 // The pumps against real ring buffers and status arrays pinned at the
 // service's paths; records are written into them from the kernel side.
-#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <atomic>
-#include <sstream>
 
-#include "helper/kelo_bpf_helper_strings.h"
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
+#include "tests/support/state_file.h"
 #include "tests/support/wait.h"
 
 // The service is never destroyed and joins its threads only in Wait(): a
@@ -73,19 +71,8 @@ class PumpTest : public ::testing::Test {
   // Count of one kind over the whole window, from a state file requested
   // with signal 50; -1 when none was written.
   static int Counted(int kind) {
-    unlink(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE);
-    kill(getpid(), 50);
-    std::string state;
-    if (!WaitUntil([&] {
-          return android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &state) &&
-                 !state.empty() && state.back() == '\n';
-        })) {
-      return -1;
-    }
-    int count = 0;  // a row: the sum of kinds 0 to 7, then kinds 0 to 8
-    std::istringstream rows(state.substr(state.find('\n') + 1));
-    for (std::string row; std::getline(rows, row);) count += std::stoi(Split(row, ", ").at(kind + 1));
-    return count;
+    const std::optional<std::vector<int64_t>> totals = kelo_test::RequestStateTotals();
+    return totals ? static_cast<int>((*totals)[1 + kind]) : -1;
   }
 
   kelo_test::LogCapture log;

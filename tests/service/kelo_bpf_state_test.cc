@@ -1,7 +1,6 @@
 #include "service/kelo_bpf_state.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -9,13 +8,13 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/state_file.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -50,16 +49,8 @@ struct Dump {
   std::vector<Row> rows;
 };
 Dump ParseDump(const std::string& text) {
-  std::vector<std::string> lines = android::base::Split(text, "\n");
-  lines.pop_back();  // after the last line end
-  Dump dump{lines[0].substr(0, lines[0].size() - 1), {}};
-  for (size_t i = 1; i < lines.size(); ++i) {
-    std::istringstream fields(android::base::StringReplace(lines[i], ",", " ", true));
-    Row row;
-    for (int64_t value; fields >> value;) row.push_back(value);
-    EXPECT_EQ(row.size(), 10u) << lines[i];
-    dump.rows.push_back(row);
-  }
+  Dump dump{text.substr(0, text.find("\r\n")), kelo_test::StateRows(text)};
+  for (const Row& row : dump.rows) EXPECT_EQ(row.size(), 10u);
   return dump;
 }
 
