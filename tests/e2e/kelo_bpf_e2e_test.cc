@@ -31,6 +31,7 @@
 #include "tests/support/ipc_client.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/state_file.h"
 #include "tests/support/wait.h"
 
 extern char** environ;
@@ -43,31 +44,11 @@ using Kelo::Bpf::KeloBpfService;
 using kelo_test::RunChild;
 using kelo_test::WaitUntil;
 
-constexpr int SIGNAL_DUMP_STATE = 50;
-
 // True once the service's abstract socket is listening in this sandbox.
 bool ServiceListening() {
   std::string table;
   return android::base::ReadFileToString("/proc/net/unix", &table) &&
          table.find(std::string("@") + Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME) != std::string::npos;
-}
-
-// Column sums of the state file's data rows (the event sum, then the
-// counters of kinds 0 to 8); nothing when the file is not there.
-std::optional<std::vector<long long>> StateFileTotals() {
-  std::string text;
-  if (!android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &text) ||
-      !android::base::StartsWith(text, "EventCount, ")) {
-    return std::nullopt;
-  }
-  std::vector<long long> totals(10, 0);
-  const std::vector<std::string> lines = android::base::Split(text, "\n");
-  for (size_t i = 1; i < lines.size(); ++i) {
-    const std::vector<std::string> fields = android::base::Split(lines[i], ",");
-    if (fields.size() < totals.size()) continue;
-    for (size_t column = 0; column < totals.size(); ++column) totals[column] += atoll(fields[column].c_str());
-  }
-  return totals;
 }
 
 // Loads the kernel side, makes the service ready from the start and starts
@@ -159,13 +140,10 @@ TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
   }));
   // Each round adds a fork and an exit and asks for a fresh file, until one
   // holds them.
-  std::optional<std::vector<long long>> totals;
+  std::optional<std::vector<int64_t>> totals;
   ASSERT_TRUE(WaitUntil([&] {
     RunChild();
-    unlink(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE);
-    kill(getpid(), SIGNAL_DUMP_STATE);
-    if (!WaitUntil([] { return access(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, F_OK) == 0; }, 1s)) return false;
-    totals = StateFileTotals();
+    totals = kelo_test::RequestStateTotals(1s);
     return totals && (*totals)[1 + KELO_EVENT_TASK_CREATE] > 0 && (*totals)[1 + KELO_EVENT_TASK_EXIT] > 0;
   }));
   EXPECT_GT((*totals)[0], 0);                          // all events
@@ -267,8 +245,12 @@ TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
   EXPECT_TRUE(client.Printed("summary type=2 name=fork events="));
   EXPECT_FALSE(client.Printed("summary type=2 name=fork events=0\n"));
 
-  daemon.Signal(SIGNAL_DUMP_STATE);
-  EXPECT_TRUE(WaitUntil([] { return StateFileTotals().has_value(); }));
+  daemon.Signal(kelo_test::SIGNAL_DUMP_STATE);
+  std::string state;
+  EXPECT_TRUE(WaitUntil([&] {
+    return android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &state) &&
+           android::base::StartsWith(state, "EventCount, ");
+  }));
   daemon.Signal(SIGTERM);
   EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
   EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
