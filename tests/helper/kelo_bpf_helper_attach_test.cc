@@ -1,6 +1,7 @@
 // Attaching real programs: tiny programs are loaded here from raw
 // instructions, pinned under the names the loader uses, attached through the
-// helpers and then seen to run when the test triggers their tracepoints.
+// helpers and then seen to run when the test triggers their tracepoints; and
+// the attach tables against the real kernel program sets.
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
@@ -14,11 +15,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "helper/kelo_bpf_helper.h"
+#include "tests/support/bpf_fixture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -266,6 +269,48 @@ TEST_F(AttachProgramTest, DirectoryDrivenAttachesEveryPinnedProgram) {
   EXPECT_TRUE(log.contains("[AttachKProbeProgram] Retrieve kprobe prog failed: enter_absent, prog: KeloBpfDefineset"));
   EXPECT_EQ(AttachAllKeloBpfProgram("/sys/fs/bpf/absent"), -1);
   EXPECT_EQ(errno, ENOENT);
+}
+
+// The tables against the real kernel program sets, loaded and pinned as the
+// platform does: every pinned program is named by a row, and every
+// tracepoint row finds its program and attaches. Rows also follow the naming
+// rule the name-driven helpers rely on: <subsystem>_<event> for tracepoints,
+// the probed function (behind its direction in the normal set) for probes.
+TEST(AttachTablesTest, RowsMatchTheRealProgramSets) {
+  KELO_SKIP_OUTSIDE_SANDBOX();
+  BpfLoadReport report;
+  kelo_test::LoadAndPinPrograms(KELO_BPF_FS_DIR, &report);
+  ASSERT_FALSE(report.pinnedPrograms.empty());
+
+  std::set<std::string> named;
+  const char* const kindWords[] = {ATTACH_KIND_WORD_TRACEPOINT, ATTACH_KIND_WORD_KPROBE, ATTACH_KIND_WORD_KRETPROBE};
+  for (const BpfAttachTable* table : {&NormalAttachTable(), &GplAttachTable()}) {
+    for (const auto& [defineset, kinds] : *table) {
+      for (const auto& [kind, rows] : kinds) {
+        for (const auto& row : rows) {
+          ASSERT_EQ(row.size(), ATTACH_ROW_COLUMNS) << defineset;
+          const std::string& target = row[ATTACH_COL_TARGET];
+          const std::string expected = kind == ATTACH_KIND_TRACEPOINT ? target + "_" + row[ATTACH_COL_EVENT]
+                                       : defineset == NORMAL_DEFINESET ? "enter_" + target
+                                                                       : target;
+          EXPECT_EQ(row[ATTACH_COL_PROG_NAME], expected) << defineset << " kind " << kind;
+          named.insert(std::string(KELO_BPF_FS_DIR) + "/prog_" + defineset + "_" + kindWords[kind] + "_" +
+                       row[ATTACH_COL_PROG_NAME]);
+        }
+      }
+    }
+  }
+  EXPECT_TRUE(NormalAttachTable().at(NORMAL_DEFINESET).at(ATTACH_KIND_KRETPROBE).empty());
+  for (const std::string& pinned : report.pinnedPrograms) EXPECT_EQ(named.count(pinned), 1u) << pinned;
+  EXPECT_EQ(report.pinnedPrograms.size(), named.size());
+
+  ASSERT_TRUE(android::base::SetProperty(KERNEL_VERSION_PROPERTY, "6.18"));
+  kelo_test::LogCapture log;
+  // Only the probe rows may fail, and only on a kernel without kprobes.
+  EXPECT_EQ(AttachAllKeloBpfProgram(PIN_DIR, NormalAttachTable()), KernelHasKprobes() ? 0 : 1);
+  EXPECT_EQ(AttachAllKeloBpfProgram(PIN_DIR, GplAttachTable()), KernelHasKprobes() ? 0 : 5);
+  EXPECT_EQ(log.count("Attach bpf prog start"), 12);
+  EXPECT_FALSE(log.contains("tracepoint prog failed")) << log.text();
 }
 
 }  // namespace
