@@ -97,11 +97,10 @@ TEST(PackageHandlerDeathTest, MismatchedSizeFieldIsFatal) {
   EXPECT_DEATH(handler.handleSecondIpcPackage(1, tooShort.data(), tooShort.size()), "Check failed: packagePtr->size");
 }
 
-TEST(IpcReqCallBackManagerTest, EachResponseReachesItsCallbackOnce) {
+// Routing over a real connection, ids from 0 and repeated answers are in the
+// UnixIpcManager tests; here the table's own rules.
+TEST(IpcReqCallBackManagerTest, AddingAgainReplacesAndWithdrawnOrEmptyCallbacksTakeNoCall) {
   IpcReqCallBackManager manager;
-  EXPECT_EQ(manager.getReqId(), 0u);
-  EXPECT_EQ(manager.getReqId(), 1u);
-
   std::vector<std::string> calls;
   const auto recorder = [&calls](const std::string& tag) {
     return [&calls, tag](uint32_t reqId, int result, char* data, uint32_t dataSize) {
@@ -120,15 +119,14 @@ TEST(IpcReqCallBackManagerTest, EachResponseReachesItsCallbackOnce) {
   // Responses as they sit in a read buffer: at an odd offset, header then data.
   kelo_test::LogCapture log;
   const auto answer = [&](uint32_t reqId, int32_t result, const std::string& data) {
-    std::string bytes = "!" + U32(reqId) + U32(static_cast<uint32_t>(result)) + U32(static_cast<uint32_t>(data.size())) + data;
+    std::string bytes =
+        "!" + U32(reqId) + U32(static_cast<uint32_t>(result)) + U32(static_cast<uint32_t>(data.size())) + data;
     return manager.handleReqCallBack(reinterpret_cast<KeloRespIpcPackage*>(&bytes[1]));
   };
   EXPECT_TRUE(answer(1, -1, "data"));
-  EXPECT_FALSE(answer(1, -1, "data")) << "already answered";
   EXPECT_TRUE(answer(2, 0, "")) << "empty callback";
   EXPECT_FALSE(answer(3, 0, "")) << "withdrawn";
   EXPECT_THAT(calls, ElementsAre("second:1:-1:data"));
-  EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 1\n"), 1);
   EXPECT_EQ(log.count("[IRCB Manager] Unknow request callback functuin: reqId: 3\n"), 1);
 }
 
