@@ -1,7 +1,8 @@
 // The whole system: the real kernel programs loaded and pinned by the
 // loader, the service started through its entry function and made ready, and
-// subscribers on the real socket: the subscriber library in this process, or
-// the daemon and the client tool as binaries, the way the live run uses them.
+// subscribers on the real socket: a raw one in this process, or the daemon
+// and the client tool (with the subscriber library) as binaries, the way the
+// live run uses them.
 //
 // Every test case runs in its own sandbox (private bpffs, tracefs, tmpfs
 // /data and network namespace), so the service's fixed paths and socket name

@@ -53,31 +53,8 @@ class EpollManagerTest : public ::testing::Test {
   android::base::unique_fd mine;
   android::base::unique_fd peer;
   std::atomic<int> reads{0}, writes{0}, closes{0};
-  std::atomic<uint32_t> firstWriteMask{0};
   std::unique_ptr<EpollManager> manager;  // last: its worker is joined first
 };
-
-TEST_F(EpollManagerTest, ReadResultDecidesWhetherWriteRunsForTheSameEvent) {
-  for (int readResult : {0, 2, 1, -1, -2, -3}) {
-    writes = 0;
-    EpollCallback callback;
-    callback.readCallback = [&](epoll_event) {
-      Drain();
-      return readResult;
-    };
-    callback.writeCallback = [&](epoll_event event) {
-      if (writes++ == 0) firstWriteMask = event.events;
-      return -3;
-    };
-    ASSERT_NO_FATAL_FAILURE(Watch(callback));
-    // Readable and writable before the loop's first wait: one event with both.
-    ASSERT_EQ(write(peer.get(), "x", 1), 1);
-    ASSERT_TRUE(manager->notifyWriteEventReady(mine.get()));
-    manager->start();
-    ASSERT_TRUE(WaitUntil([&] { return writes > 0; })) << readResult;
-    EXPECT_EQ((firstWriteMask & EPOLLIN) != 0, readResult == 0 || readResult == 2) << readResult;
-  }
-}
 
 TEST_F(EpollManagerTest, WriteInterestLastsUntilTheWriterHasNothingLeft) {
   std::atomic<int> moreWrites{3};

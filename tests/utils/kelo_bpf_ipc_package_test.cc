@@ -24,17 +24,6 @@ BufferState Holding(size_t size, const std::string& bytes) {
   return state;
 }
 
-TEST(BufferStateTest, CompactionKeepsOnlyUnreadBytes) {
-  BufferState state = Holding(8, "abcdef");
-  state.read(4);
-  state.compact();
-  EXPECT_EQ(state.bufferCursor, 0u);
-  EXPECT_EQ(std::string(state.buffer.data(), state.bufferDataCursor), "ef");
-  state.read(2);
-  state.compact();
-  EXPECT_EQ(state.bufferDataCursor, 0u);
-}
-
 // Frames checked and dispatched out of a read buffer; damage is recorded in
 // the error log under the sandbox's /data.
 class PackageHandlerTest : public ::testing::Test {
