@@ -42,12 +42,14 @@
 #include "service/kelo_bpf_service.h"
 #include "tools/kelo_bpf_client_format.h"
 #include "tools/kelo_bpf_client_lib.h"
+#include "tools/kelo_bpf_tool_args.h"
 #include "utils/kelo_bpf_mutex.h"
 
 namespace {
 
 using Kelo::Bpf::Mutex;
 using Kelo::Bpf::MutexLock;
+using Kelo::Bpf::ParseSeconds;
 
 constexpr char USAGE[] =
     "usage: kelobpf-client [--type N]... [--count N] [--duration SECONDS] [--socket NAME]\n";
@@ -98,14 +100,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
         if (!ParseLong(optarg, 1, INT64_MAX, &value)) return false;
         options->count = static_cast<uint64_t>(value);
         break;
-      case 'd': {
-        char* end = nullptr;
-        options->duration = strtod(optarg, &end);
-        if (end == optarg || *end != '\0' || !std::isfinite(options->duration) || options->duration < 0) {
-          return false;
-        }
+      case 'd':
+        if (!ParseSeconds(optarg, &options->duration)) return false;
         break;
-      }
       case 's':
         options->socketName = optarg;
         break;

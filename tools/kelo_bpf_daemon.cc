@@ -48,7 +48,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +61,7 @@
 #include "tools/kelo_bpf_daemon_log.h"
 #include "tools/kelo_bpf_daemon_stop.h"
 #include "tools/kelo_bpf_loader_lib.h"
+#include "tools/kelo_bpf_tool_args.h"
 #include "utils/kelo_bpf_error_log.h"
 
 namespace {
@@ -115,14 +115,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
         options->load = true;
         if (optarg != nullptr) options->objectDir = optarg;
         break;
-      case 'r': {
-        char* end = nullptr;
-        options->readyDelay = strtod(optarg, &end);
-        if (end == optarg || *end != '\0' || !std::isfinite(options->readyDelay) || options->readyDelay < 0) {
-          return false;
-        }
+      case 'r':
+        if (!ParseSeconds(optarg, &options->readyDelay)) return false;
         break;
-      }
       case 'n':
         options->ready = false;
         break;
