@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 
 #include "service/kelo_bpf_service.h"
 
@@ -42,6 +43,35 @@ void EventManager::EraseObserver(int fd) {
   if (entry == observersByFd.end()) return;
   for (int type : entry->second) RemoveAll(&observersByType[type], fd);
   observersByFd.erase(entry);
+  stalledSenders.erase(fd);
+}
+
+size_t EventManager::QueueDepth(int fd) {
+  MutexLock lock(keloRawEventManagerLock);
+  if (clientQueues == nullptr) return 0;
+  auto queue = clientQueues->find(fd);
+  return queue == clientQueues->end() ? 0 : queue->second.getIpcPackageCount();
+}
+
+void EventManager::WaitForSender(int fd) {
+  using Clock = std::chrono::steady_clock;
+  size_t depth = QueueDepth(fd);
+  const Clock::time_point start = Clock::now();
+  Clock::time_point lastProgress = start;
+  while (depth > PACE_RESUME_DEPTH) {
+    std::this_thread::sleep_for(PACE_POLL_INTERVAL);
+    const size_t current = QueueDepth(fd);
+    const Clock::time_point now = Clock::now();
+    if (current < depth) {
+      depth = current;
+      lastProgress = now;
+    }
+    if (now - lastProgress >= PACE_STALL_LIMIT || now - start >= PACE_WAIT_LIMIT) {
+      MutexLock lock(keloRawEventManagerLock);
+      if (observersByFd.count(fd) != 0) stalledSenders.insert(fd);
+      return;
+    }
+  }
 }
 
 int EventManager::AppendEvent(char* data, unsigned int size) {
@@ -49,22 +79,41 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
   if (size < sizeof(type)) return 0;
   memcpy(&type, data, sizeof(type));
 
-  MutexLock lock(keloRawEventManagerLock);
-  auto subscribers = observersByType.find(type);
-  if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
-
-  if (clientQueues != nullptr) {
+  // Connections whose sender was idle and must be woken (the others already
+  // have a wake-up pending that covers this event too), and those whose
+  // queue is filling up faster than their sender empties it.
+  thread_local std::vector<int> toWake;
+  thread_local std::vector<int> crowded;
+  toWake.clear();
+  crowded.clear();
+  {
+    MutexLock lock(keloRawEventManagerLock);
+    auto subscribers = observersByType.find(type);
+    if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
+    if (clientQueues == nullptr) return 0;
     for (int fd : subscribers->second) {
       auto queue = clientQueues->find(fd);
       // A subscriber always has a queue: it is made when the connection is
       // accepted and erased only after the subscriptions.
       if (queue == clientQueues->end()) continue;
-      queue->second.buildAndAppendSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
+      IpcPackageManager& packages = queue->second;
+      packages.buildAndAppendSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
+      if (packages.requestSend()) toWake.push_back(fd);
+      const size_t depth = packages.getIpcPackageCount();
+      if (depth >= PACE_START_DEPTH) {
+        if (stalledSenders.count(fd) == 0) crowded.push_back(fd);
+      } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
+        stalledSenders.erase(fd);
+      }
+    }
+    if (!toWake.empty()) {
+      // Every package of the event is queued before the first connection is
+      // told.
+      KeloBpfService* service = KeloBpfService::FindInstance();
+      if (service != nullptr) service->notifyClientEventReady(toWake);
     }
   }
-  // Every package of the event is queued before the first connection is told.
-  KeloBpfService* service = KeloBpfService::FindInstance();
-  if (service != nullptr) service->notifyClientEventReady(subscribers->second);
+  for (int fd : crowded) WaitForSender(fd);
   return 0;
 }
 

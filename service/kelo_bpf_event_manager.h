@@ -17,8 +17,11 @@
 
 #include <android-base/thread_annotations.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "utils/kelo_bpf_ipc_package_manager.h"
@@ -32,6 +35,16 @@ using ClientPackageManagers = std::map<int, IpcPackageManager>;
 
 // Package type under which events travel to clients, the record as payload.
 inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
+
+// Queue depths between which a publisher waits for a connection's sender,
+// both well below the queue's trim mark.
+inline constexpr size_t PACE_START_DEPTH = IPC_QUEUE_HIGH_WATER * 9 / 10;
+inline constexpr size_t PACE_RESUME_DEPTH = IPC_QUEUE_HIGH_WATER * 5 / 10;
+// How long a waiting publisher lets a sender go without progress, how long
+// it waits at most, and how often it looks.
+inline constexpr std::chrono::milliseconds PACE_STALL_LIMIT{20};
+inline constexpr std::chrono::milliseconds PACE_WAIT_LIMIT{100};
+inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{200};
 
 class EventManager {
  public:
@@ -49,7 +62,16 @@ class EventManager {
   // Publishes one event whose first four bytes are its type: the `size`
   // bytes are queued byte for byte as a package of type 3 for every
   // connection subscribed to the type, in subscription order, and then the
-  // endpoint is asked to write to each of them. Always 0.
+  // endpoint is asked to write to each of them whose queue has no write
+  // request pending already. Always 0.
+  //
+  // A connection whose queue holds PACE_START_DEPTH packages or more holds
+  // the publisher back, outside every lock, until its sender has brought the
+  // queue down to PACE_RESUME_DEPTH: a client that keeps up then loses
+  // nothing to the queue's trim. A sender that makes no progress for
+  // PACE_STALL_LIMIT, or is not done within PACE_WAIT_LIMIT, is given up on
+  // until its queue drains again, so a dead or stalled client gets the trim
+  // and holds the others back only once.
   int AppendEvent(char* data, unsigned int size) EXCLUDES(keloRawEventManagerLock);
 
   // Binds the registry to the queues events are appended to (the service's,
@@ -65,12 +87,21 @@ class EventManager {
 
   // Removes every element equal to value, keeping the order of the rest.
   static void RemoveAll(std::vector<int>* values, int value);
+  // Packages queued for fd, or 0 once its queue is gone.
+  size_t QueueDepth(int fd) EXCLUDES(keloRawEventManagerLock);
+  // Waits, holding no lock, until the sender of fd has drained its queue to
+  // PACE_RESUME_DEPTH; marks fd stalled when the sender falls behind.
+  void WaitForSender(int fd) EXCLUDES(keloRawEventManagerLock);
 
   ClientPackageManagers* clientQueues GUARDED_BY(keloRawEventManagerLock) = nullptr;
   // Types each connection subscribed to, in subscription order, no duplicates.
   std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
   // Connections subscribed to each type, in subscription order.
   std::map<int, std::vector<int>> observersByType GUARDED_BY(keloRawEventManagerLock);
+
+  // Connections whose sender made no progress while the publisher waited;
+  // not waited for again until their queue is down to PACE_RESUME_DEPTH.
+  std::set<int> stalledSenders GUARDED_BY(keloRawEventManagerLock);
 
   static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
 };

@@ -66,6 +66,7 @@ int KeloBpfService::onClientLibWriteable(int fd, BufferState* writeBufferState) 
     // Only this thread erases queues, so the queue outlives the lock.
     queue = &entry->second;
   }
+  queue->beginSend();
   while (queue->fillNextIpcPackageToBuffer(writeBufferState)) {
   }
   return 0;

@@ -60,6 +60,16 @@ class IpcPackageManager {
   // Current number of queued packages; a snapshot taken without the lock.
   size_t getIpcPackageCount() const { return count.load(std::memory_order_relaxed); }
 
+  // Wake-up bookkeeping between producers and the queue's single sender, so
+  // that a burst of appends asks the sender for a write once instead of once
+  // per package. A producer calls requestSend after its append and wakes the
+  // sender only when it returns true: the first request since the sender
+  // last called beginSend. The sender calls beginSend before it takes
+  // packages, so whatever is appended after it looked comes with a fresh
+  // wake-up, also when the sender then gives up on a failed send.
+  bool requestSend() { return !sendRequested.exchange(true); }
+  void beginSend() { sendRequested.store(false); }
+
  private:
   // The four append forms differ only in their error-log code and log text.
   enum class AppendForm { BUILD_AND_APPEND, SECOND_LEVEL, REQUEST, RESPONSE };
@@ -76,4 +86,6 @@ class IpcPackageManager {
   std::condition_variable eventReady;
   // queue.size(), readable without the lock.
   std::atomic<size_t> count{0};
+  // A producer has asked the sender for a write that it has not begun yet.
+  std::atomic<bool> sendRequested{false};
 };

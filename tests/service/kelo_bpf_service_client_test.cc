@@ -92,6 +92,25 @@ TEST_F(ClientTest, TwoClientsReceiveTheSameEventsInPublishOrder) {
   }
 }
 
+TEST_F(ClientTest, AReadingClientLosesNothingOfABurstBeyondTheQueueBoundWhileAStalledOneIsTrimmed) {
+  Client stalled;
+  ASSERT_TRUE(stalled.Connect());
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
+  ASSERT_EQ(stalled.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
+  // Published faster than one client reads: without the publisher waiting
+  // for the reading client's sender, its queue would be trimmed too.
+  constexpr int kRecords = 3 * static_cast<int>(IPC_QUEUE_HIGH_WATER);
+  std::thread publisher([] {
+    for (int i = 0; i < kRecords; ++i) Publish(5, kelo_test::Bytes(i));
+  });
+  for (int i = 0; i < kRecords; ++i) {
+    client.ExpectEvent(kelo_test::Bytes(5) + kelo_test::Bytes(i));
+    if (HasFailure()) break;
+  }
+  // The stalled client holds the publisher back only for a bounded time.
+  publisher.join();
+}
+
 TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsClean) {
   // Answered, so accepted: the listening socket, the client's and the service's end.
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 1), 0);
