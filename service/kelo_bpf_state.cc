@@ -59,30 +59,36 @@ KeloBpfDataState::KeloBpfDataState(SecondsClock clock)
 
 void KeloBpfDataState::RecordEvent(int type, int count) {
   if (type < 0 || type > STATE_COUNTER_POLL) return;
+  if (static_cast<int64_t>(clock_()) == lastTime_.load(std::memory_order_acquire)) {
+    slots_[Slot(curIndex_.load(std::memory_order_acquire))][type].fetch_add(count, std::memory_order_relaxed);
+    return;
+  }
   MutexLock lock(lock_);
-  // Read under the lock, so that the seconds seen by successive calls never
-  // run backwards.
+  // Read again under the lock, so that the seconds seen by successive moves
+  // of the window never run backwards.
   const uint64_t now = clock_();
-  if (static_cast<int64_t>(now) != lastTime_) AdvanceLocked(now);
-  int32_t& counter = window_.slots[Slot(window_.curIndex)][type];
-  counter = WrapAdd(counter, count);
+  if (static_cast<int64_t>(now) != lastTime_.load(std::memory_order_relaxed)) AdvanceLocked(now);
+  slots_[Slot(curIndex_.load(std::memory_order_relaxed))][type].fetch_add(count, std::memory_order_relaxed);
 }
 
 void KeloBpfDataState::AdvanceLocked(uint64_t now) {
-  const int32_t delta = static_cast<int32_t>(now - static_cast<uint64_t>(lastTime_));
-  lastTime_ = static_cast<int64_t>(clock_());
-  const int32_t newCur = WrapAdd(window_.curIndex, delta);
-  if (static_cast<int64_t>(newCur) - window_.firstIndex >= STATE_WINDOW_SECONDS) {
-    window_.firstIndex = newCur - (STATE_WINDOW_SECONDS - 1);
+  const int32_t curIndex = curIndex_.load(std::memory_order_relaxed);
+  const int32_t delta = static_cast<int32_t>(now - static_cast<uint64_t>(lastTime_.load(std::memory_order_relaxed)));
+  const int32_t newCur = WrapAdd(curIndex, delta);
+  if (static_cast<int64_t>(newCur) - firstIndex_ >= STATE_WINDOW_SECONDS) {
+    firstIndex_ = newCur - (STATE_WINDOW_SECONDS - 1);
   }
   // The seconds skipped since the last call had no events. A gap longer than
   // the window clears every slot once; going round again would change nothing
   // (and a first reading after the time base is set jumps by decades).
   const int32_t skipped = std::min(delta, static_cast<int32_t>(STATE_WINDOW_SECONDS));
   for (int32_t k = 1; k <= skipped; ++k) {
-    std::fill_n(window_.slots[Slot(static_cast<int64_t>(window_.curIndex) + k)], STATE_COUNTER_KINDS, 0);
+    for (std::atomic<int32_t>& counter : slots_[Slot(static_cast<int64_t>(curIndex) + k)]) {
+      counter.store(0, std::memory_order_relaxed);
+    }
   }
-  window_.curIndex = newCur;
+  curIndex_.store(newCur, std::memory_order_release);
+  lastTime_.store(static_cast<int64_t>(clock_()), std::memory_order_release);
 }
 
 void KeloBpfDataState::DumpState() {
@@ -90,7 +96,13 @@ void KeloBpfDataState::DumpState() {
   auto window = std::make_unique<Window>();
   {
     MutexLock lock(lock_);
-    *window = window_;
+    window->curIndex = curIndex_.load(std::memory_order_relaxed);
+    window->firstIndex = firstIndex_;
+    for (int slot = 0; slot < STATE_WINDOW_SECONDS; ++slot) {
+      for (int kind = 0; kind < STATE_COUNTER_KINDS; ++kind) {
+        window->slots[slot][kind] = slots_[slot][kind].load(std::memory_order_relaxed);
+      }
+    }
   }
 
   mkdir(KELOTASK_DUMP_PATH, STATE_DIR_MODE);

@@ -9,6 +9,7 @@
 
 #include <android-base/thread_annotations.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "utils/kelo_bpf_mutex.h"
@@ -60,6 +61,7 @@ class KeloBpfDataState {
   void DumpState() EXCLUDES(lock_);
 
  private:
+  // A copy of the window, as a dump writes it.
   struct Window {
     int32_t curIndex = 0;
     int32_t firstIndex = 0;
@@ -70,11 +72,17 @@ class KeloBpfDataState {
   void AdvanceLocked(uint64_t now) REQUIRES(lock_);
 
   const SecondsClock clock_;
-  // Guards lastTime_ and the window: the two producer threads and the
-  // start-up scan count, the dump copies.
+  // Serialises moving the window on to a new second, and the dump's copy.
+  // Counting within the current second takes no lock: the counters are
+  // atomics, and a caller whose clock reading equals lastTime_ adds to the
+  // slot of curIndex_ directly. The window is moved on by storing curIndex_
+  // before lastTime_ (release), so a caller that sees the new second also
+  // sees its slot, already cleared.
   Mutex lock_;
-  int64_t lastTime_ GUARDED_BY(lock_);
-  Window window_ GUARDED_BY(lock_);
+  std::atomic<int64_t> lastTime_;
+  std::atomic<int32_t> curIndex_{0};
+  int32_t firstIndex_ GUARDED_BY(lock_) = 0;
+  std::atomic<int32_t> slots_[STATE_WINDOW_SECONDS][STATE_COUNTER_KINDS] = {};
 };
 
 // Writes the state file on request of signal 50; the argument is ignored.
