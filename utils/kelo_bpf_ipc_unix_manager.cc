@@ -199,8 +199,7 @@ int UnixIpcManager::closeFd(int fd) {
   return close(owned);
 }
 
-int UnixIpcManager::closeAfterError(int fd, const char* commFdLostText, const char* reconnectFailedText) {
-  const bool isCommFd = fd == commFd.get();
+bool UnixIpcManager::releaseConnection(int fd) {
   epollManager->delMonitorFd(fd);
   // Buffers go first: a writer on another thread then finds the connection
   // released instead of sending on a descriptor number about to be reused.
@@ -208,9 +207,15 @@ int UnixIpcManager::closeAfterError(int fd, const char* commFdLostText, const ch
   if (closeFd(fd) == -1) {
     KELO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd, errno,
               strerror(errno));
-    return -1;
+    return false;
   }
   if (handlerState.onClose) handlerState.onClose(fd);
+  return true;
+}
+
+int UnixIpcManager::closeAfterError(int fd, const char* commFdLostText, const char* reconnectFailedText) {
+  const bool isCommFd = fd == commFd.get();
+  if (!releaseConnection(fd)) return -1;
   if (!isCommFd) return -2;
   KELO_LOGE(name, commFdLostText, socketName.c_str());
   if (!connect()) KELO_LOGE(name, reconnectFailedText, socketName.c_str());
@@ -340,15 +345,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
 int UnixIpcManager::onClientCloseCallback(epoll_event event) {
   const int fd = event.data.fd;
   const bool isCommFd = fd == commFd.get();
-  epollManager->delMonitorFd(fd);
-  // Buffers go first, for the same reason as in closeAfterError.
-  freeBufferForFd(fd);
-  if (closeFd(fd) == -1) {
-    KELO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd, errno,
-              strerror(errno));
-    return -1;
-  }
-  if (handlerState.onClose) handlerState.onClose(fd);
+  if (!releaseConnection(fd)) return -1;
   if (isCommFd && !connect()) return -1;
   return 0;
 }

@@ -132,6 +132,9 @@ class UnixIpcManager {
   void setupConnection(int fd);
   // Closes a descriptor this manager owns, reporting close()'s result.
   int closeFd(int fd);
+  // Stops watching fd, frees its buffers, closes it and tells onClose; false
+  // (logged) when close failed.
+  bool releaseConnection(int fd);
   // Closes a connection after a failed receive or onReadable.
   int closeAfterError(int fd, const char* commFdLostText, const char* reconnectFailedText);
   // Sleeps up to `duration`, returning early (with true) once stop() was called.
