@@ -13,6 +13,12 @@ namespace Bpf {
 Mutex EventManager::keloRawEventManagerLock;
 EventManager* EventManager::instance = nullptr;
 
+namespace {
+
+thread_local DeferredWakeups* deferredWakeups = nullptr;
+
+}  // namespace
+
 EventManager* EventManager::GetInstance() {
   MutexLock lock(keloRawEventManagerLock);
   if (instance == nullptr) instance = new EventManager();
@@ -106,15 +112,61 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
         stalledSenders.erase(fd);
       }
     }
-    if (!toWake.empty()) {
+    DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
+    if (deferred != nullptr) {
+      deferred->Collect(toWake);
+    } else if (!toWake.empty()) {
       // Every package of the event is queued before the first connection is
       // told.
-      KeloBpfService* service = KeloBpfService::FindInstance();
-      if (service != nullptr) service->notifyClientEventReady(toWake);
+      NotifySendersLocked(toWake);
     }
   }
+  DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
+  // A sender is only waited for once it has been told.
+  if (deferred != nullptr && (deferred->Due() || !crowded.empty())) deferred->Flush();
   for (int fd : crowded) WaitForSender(fd);
   return 0;
+}
+
+void EventManager::NotifySendersLocked(const std::vector<int>& fds) {
+  KeloBpfService* service = KeloBpfService::FindInstance();
+  if (service != nullptr) service->notifyClientEventReady(fds);
+}
+
+void EventManager::WakeSenders(const std::vector<int>& fds) {
+  thread_local std::vector<int> connected;
+  connected.clear();
+  MutexLock lock(keloRawEventManagerLock);
+  if (clientQueues == nullptr) return;
+  // A connection that closed since its packages were queued has nothing
+  // left to send.
+  for (int fd : fds) {
+    if (clientQueues->count(fd) != 0) connected.push_back(fd);
+  }
+  if (!connected.empty()) NotifySendersLocked(connected);
+}
+
+DeferredWakeups::DeferredWakeups() { deferredWakeups = this; }
+
+DeferredWakeups::~DeferredWakeups() {
+  deferredWakeups = nullptr;
+  Flush();
+}
+
+DeferredWakeups* DeferredWakeups::OfThisThread() { return deferredWakeups; }
+
+void DeferredWakeups::Collect(const std::vector<int>& fds) {
+  for (int fd : fds) {
+    if (std::find(fds_.begin(), fds_.end(), fd) == fds_.end()) fds_.push_back(fd);
+  }
+  ++events_;
+}
+
+void DeferredWakeups::Flush() {
+  events_ = 0;
+  if (fds_.empty()) return;
+  EventManager::GetInstance()->WakeSenders(fds_);
+  fds_.clear();
 }
 
 void EventManager::setClientQueues(ClientPackageManagers* queues) { clientQueues = queues; }

@@ -74,6 +74,10 @@ class EventManager {
   // and holds the others back only once.
   int AppendEvent(char* data, unsigned int size) EXCLUDES(keloRawEventManagerLock);
 
+  // Wakes the senders of `fds` that still have a queue (the connections
+  // collected by a DeferredWakeups).
+  void WakeSenders(const std::vector<int>& fds) EXCLUDES(keloRawEventManagerLock);
+
   // Binds the registry to the queues events are appended to (the service's,
   // which the caller's lock guards too).
   void setClientQueues(ClientPackageManagers* queues) REQUIRES(keloRawEventManagerLock);
@@ -92,6 +96,8 @@ class EventManager {
   // Waits, holding no lock, until the sender of fd has drained its queue to
   // PACE_RESUME_DEPTH; marks fd stalled when the sender falls behind.
   void WaitForSender(int fd) EXCLUDES(keloRawEventManagerLock);
+  // Asks the service's endpoint to write to each of fds.
+  static void NotifySendersLocked(const std::vector<int>& fds) REQUIRES(keloRawEventManagerLock);
 
   ClientPackageManagers* clientQueues GUARDED_BY(keloRawEventManagerLock) = nullptr;
   // Types each connection subscribed to, in subscription order, no duplicates.
@@ -104,6 +110,39 @@ class EventManager {
   std::set<int> stalledSenders GUARDED_BY(keloRawEventManagerLock);
 
   static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
+};
+
+// While one lives on a thread, the AppendEvent calls of that thread leave the
+// waking of senders to it: the connections to wake are collected and woken
+// at Flush, which a ring-buffer pump calls after every poll, and on its own
+// every WAKE_BATCH_EVENTS events and before the publisher waits for a
+// crowded sender. A burst of records then wakes each sender once per batch
+// instead of whenever it has just drained its queue, and the sender fills
+// its buffer with many records per send. Not shared between threads; at most
+// one per thread.
+class DeferredWakeups {
+ public:
+  static constexpr int WAKE_BATCH_EVENTS = 256;
+
+  DeferredWakeups();
+  // Wakes whatever is still collected.
+  ~DeferredWakeups();
+  DeferredWakeups(const DeferredWakeups&) = delete;
+  DeferredWakeups& operator=(const DeferredWakeups&) = delete;
+
+  // The instance living on the calling thread, or null.
+  static DeferredWakeups* OfThisThread();
+
+  // Adds fds to the connections to wake, counting one event.
+  void Collect(const std::vector<int>& fds);
+  // Whether WAKE_BATCH_EVENTS events were collected since the last Flush.
+  bool Due() const { return events_ >= WAKE_BATCH_EVENTS; }
+  // Wakes the collected connections.
+  void Flush();
+
+ private:
+  std::vector<int> fds_;
+  int events_ = 0;
 };
 
 }  // namespace Bpf

@@ -67,8 +67,7 @@ int KeloBpfService::onClientLibWriteable(int fd, BufferState* writeBufferState) 
     queue = &entry->second;
   }
   queue->beginSend();
-  while (queue->fillNextIpcPackageToBuffer(writeBufferState)) {
-  }
+  queue->fillNextIpcPackagesToBuffer(writeBufferState);
   return 0;
 }
 

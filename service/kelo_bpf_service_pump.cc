@@ -36,6 +36,20 @@ int UpdateStatus(int statusFd, uint32_t key, uint64_t value) {
   return bpf_map_update_elem(statusFd, &key, &value, BPF_ANY);
 }
 
+// The event tally of the pump running on this thread. Records dispatched on
+// any other thread (a direct call of the ring-buffer callback) are counted
+// one by one.
+thread_local EventTally* pumpTally = nullptr;
+
+// Makes a tally this thread's pump tally for the scope's lifetime.
+class PumpTallyScope {
+ public:
+  explicit PumpTallyScope(EventTally* tally) { pumpTally = tally; }
+  ~PumpTallyScope() { pumpTally = nullptr; }
+  PumpTallyScope(const PumpTallyScope&) = delete;
+  PumpTallyScope& operator=(const PumpTallyScope&) = delete;
+};
+
 }  // namespace
 
 const KeloBpfService::PumpTraits KeloBpfService::NORMAL_PUMP = {
@@ -92,6 +106,10 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
   (this->*pump.seed)();
   updateStatusFlag(pump.index, KELO_RB_FLAG_NORMAL, true);
 
+  // Declared after the tally, so the scope ends before the tally's last flush.
+  EventTally tally(KeloBpfDataState::GetInstance());
+  PumpTallyScope tallyScope(&tally);
+  DeferredWakeups wakeups;
   int failures = 0;
   while (true) {
     if (!running) {
@@ -99,8 +117,12 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
       return 0;
     }
     const int result = ring_buffer__poll(ringBuffer.get(), POLL_WITHOUT_TIMEOUT);
+    if (result >= 0) tally.Add(KELO_EVENT_POLL_COUNT);
+    // The records of this poll are counted, and their subscribers' senders
+    // woken, before the pump waits again.
+    tally.Flush();
+    wakeups.Flush();
     if (result >= 0) {
-      KeloBpfDataState::GetInstance()->RecordEvent(KELO_EVENT_POLL_COUNT, 1);
       checkBpfRingBuffStatus(pump.index, false);
       failures = 0;
       continue;
@@ -136,7 +158,11 @@ int KeloBpfService::dispatchRecord(char* data, size_t size) {
     return -1;
   }
   memcpy(&type, data, sizeof(type));
-  KeloBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+  if (pumpTally != nullptr) {
+    pumpTally->Add(static_cast<int>(type));
+  } else {
+    KeloBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+  }
   if (type > KELO_EVENT_TYPE_MAX) {
     KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] handleEvent ERROR!!! Type: %u", type);
     return -1;

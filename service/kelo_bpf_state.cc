@@ -59,16 +59,26 @@ KeloBpfDataState::KeloBpfDataState(SecondsClock clock)
 
 void KeloBpfDataState::RecordEvent(int type, int count) {
   if (type < 0 || type > STATE_COUNTER_POLL) return;
+  slots_[CurrentSlot()][type].fetch_add(count, std::memory_order_relaxed);
+}
+
+void KeloBpfDataState::RecordEvents(const int32_t (&counts)[STATE_COUNTER_KINDS]) {
+  const int slot = CurrentSlot();
+  for (int kind = 0; kind < STATE_COUNTER_KINDS; ++kind) {
+    if (counts[kind] != 0) slots_[slot][kind].fetch_add(counts[kind], std::memory_order_relaxed);
+  }
+}
+
+int KeloBpfDataState::CurrentSlot() {
   if (static_cast<int64_t>(clock_()) == lastTime_.load(std::memory_order_acquire)) {
-    slots_[Slot(curIndex_.load(std::memory_order_acquire))][type].fetch_add(count, std::memory_order_relaxed);
-    return;
+    return Slot(curIndex_.load(std::memory_order_acquire));
   }
   MutexLock lock(lock_);
   // Read again under the lock, so that the seconds seen by successive moves
   // of the window never run backwards.
   const uint64_t now = clock_();
   if (static_cast<int64_t>(now) != lastTime_.load(std::memory_order_relaxed)) AdvanceLocked(now);
-  slots_[Slot(curIndex_.load(std::memory_order_relaxed))][type].fetch_add(count, std::memory_order_relaxed);
+  return Slot(curIndex_.load(std::memory_order_relaxed));
 }
 
 void KeloBpfDataState::AdvanceLocked(uint64_t now) {
@@ -89,6 +99,13 @@ void KeloBpfDataState::AdvanceLocked(uint64_t now) {
   }
   curIndex_.store(newCur, std::memory_order_release);
   lastTime_.store(static_cast<int64_t>(clock_()), std::memory_order_release);
+}
+
+void EventTally::Flush() {
+  if (pending_ == 0) return;
+  state_->RecordEvents(counts_);
+  for (int32_t& count : counts_) count = 0;
+  pending_ = 0;
 }
 
 void KeloBpfDataState::DumpState() {

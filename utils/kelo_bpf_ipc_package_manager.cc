@@ -104,7 +104,7 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form)
   }
   queue.push_back(std::move(package));
   count.store(queue.size(), std::memory_order_relaxed);
-  eventReady.notify_all();
+  if (waiters != 0) eventReady.notify_all();
 }
 
 void IpcPackageManager::popFront() {
@@ -129,8 +129,18 @@ bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int 
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
-  BufferState* const bufferState = buffer;
   MutexLock lock(mutex);
+  return fillNextLocked(buffer);
+}
+
+size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
+  MutexLock lock(mutex);
+  size_t moved = 0;
+  while (fillNextLocked(buffer)) ++moved;
+  return moved;
+}
+
+bool IpcPackageManager::fillNextLocked(BufferState* bufferState) {
   if (queue.empty()) return false;
   if (dropUnsendableFront(bufferState, Kelo::Bpf::ERROR_CODE_OVERSIZED_SINGLE_FILL,
                           "fillNextIpcPackageToBuffer ipc package damaged")) {
@@ -172,7 +182,12 @@ void IpcPackageManager::waitEventReady(int timeoutMs) {
           ? now + wanted
           : Clock::time_point::max();
   std::unique_lock<std::mutex> lock(mutex.native());
+  // The analysis cannot see that `lock` holds mutex.
+  auto enter = [this]() NO_THREAD_SAFETY_ANALYSIS { ++waiters; };
+  auto leave = [this]() NO_THREAD_SAFETY_ANALYSIS { --waiters; };
+  enter();
   eventReady.wait_until(lock, deadline, [this] { return count.load(std::memory_order_relaxed) != 0; });
+  leave();
 }
 
 void IpcPackageManager::notifyEventReady() { eventReady.notify_all(); }

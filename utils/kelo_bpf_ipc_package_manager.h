@@ -47,6 +47,9 @@ class IpcPackageManager {
   // stays) or when the package can never fit the buffer (it is removed and
   // error code 8 recorded).
   bool fillNextIpcPackageToBuffer(BufferState* buffer);
+  // Calls fillNextIpcPackageToBuffer until it returns false, taking the lock
+  // once for the whole run; the number of packages moved.
+  size_t fillNextIpcPackagesToBuffer(BufferState* buffer);
   // Moves as many whole packages into `buffer` as fit. False when the queue
   // is empty or when the package that stopped the filling can never fit the
   // buffer (it is removed and error code 7 recorded).
@@ -67,7 +70,11 @@ class IpcPackageManager {
   // last called beginSend. The sender calls beginSend before it takes
   // packages, so whatever is appended after it looked comes with a fresh
   // wake-up, also when the sender then gives up on a failed send.
-  bool requestSend() { return !sendRequested.exchange(true); }
+  bool requestSend() {
+    // Reading first spares the bus-locked exchange while a request is pending.
+    if (sendRequested.load(std::memory_order_relaxed)) return false;
+    return !sendRequested.exchange(true);
+  }
   void beginSend() { sendRequested.store(false); }
 
  private:
@@ -78,12 +85,16 @@ class IpcPackageManager {
   // true if it did.
   bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) REQUIRES(mutex);
   void popFront() REQUIRES(mutex);
+  // One step of fillNextIpcPackageToBuffer.
+  bool fillNextLocked(BufferState* bufferState) REQUIRES(mutex);
 
   // Guards the queue.
   Kelo::Bpf::Mutex mutex;
   std::deque<KeloIpcPackage> queue GUARDED_BY(mutex);
-  // Signalled on every append.
+  // Signalled on every append that finds a waiter.
   std::condition_variable eventReady;
+  // Threads in waitEventReady; an append with none spares the signal.
+  size_t waiters GUARDED_BY(mutex) = 0;
   // queue.size(), readable without the lock.
   std::atomic<size_t> count{0};
   // A producer has asked the sender for a write that it has not begun yet.

@@ -7,9 +7,11 @@
 
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "service/kelo_bpf_service.h"
 #include "tests/support/ipc_client.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
 
 namespace Kelo {
@@ -109,6 +111,41 @@ TEST_F(ClientTest, AReadingClientLosesNothingOfABurstBeyondTheQueueBoundWhileASt
   }
   // The stalled client holds the publisher back only for a bounded time.
   publisher.join();
+}
+
+// A pump publishes with its wake-ups deferred: senders are told at each
+// flush and every WAKE_BATCH_EVENTS events, a burst beyond the queue bound
+// still reaches a reading client whole, and a connection gone meanwhile is
+// skipped.
+TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
+  std::thread([this] {
+    DeferredWakeups wakeups;
+    const std::string first = Publish(4, "held");
+    EXPECT_FALSE(client.Next(200ms)) << "nothing sent before the flush";
+    wakeups.Flush();
+    client.ExpectEvent(first);
+
+    std::vector<std::string> batch;
+    for (int i = 0; i < DeferredWakeups::WAKE_BATCH_EVENTS; ++i) batch.push_back(Publish(4, kelo_test::Bytes(i)));
+    for (const std::string& record : batch) client.ExpectEvent(record);
+
+    // Beyond the queue bound, so the publisher is paced.
+    constexpr int kRecords = 2 * static_cast<int>(IPC_QUEUE_HIGH_WATER);
+    std::thread reader([this] {
+      for (int i = 0; i < kRecords && !HasFailure(); ++i) client.ExpectEvent(kelo_test::Bytes(4) + kelo_test::Bytes(i));
+    });
+    for (int i = 0; i < kRecords; ++i) Publish(4, kelo_test::Bytes(i));
+    wakeups.Flush();
+    reader.join();
+
+    kelo_test::LogCapture log;
+    Publish(4);
+    client.Close();
+    EXPECT_TRUE(kelo_test::WaitUntil([] { return SocketFds().size() == 1; }));
+    wakeups.Flush();
+    EXPECT_FALSE(log.contains("the socket fd does not exist"));
+  }).join();
 }
 
 TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsClean) {

@@ -168,6 +168,32 @@ TEST_F(DataStateTest, SignalEntryDumpsTheServiceWindow) {
   EXPECT_EQ(dump.rows[0], (Row{5, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
 }
 
+// A tally hands its counts over at Flush, on its own after FLUSH_EVENTS
+// events, and when it goes; each handing-over lands in the second it happens.
+TEST_F(DataStateTest, TallyHandsItsCountsOverInBatches) {
+  {
+    EventTally tally(state_.get());
+    tally.Add(STATE_COUNTER_KMEM_RSS_INFO);
+    tally.Add(STATE_COUNTER_KMEM_RSS_INFO);
+    for (int kind : {9, -1, INT_MIN}) tally.Add(kind);
+    EXPECT_EQ(DumpParsed().rows[0], Row(10, 0)) << "nothing before the flush";
+    tally.Flush();
+    EXPECT_EQ(DumpParsed().rows[0], (Row{2, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
+
+    fakeNow += 1;
+    for (int i = 1; i < EventTally::FLUSH_EVENTS; ++i) tally.Add(STATE_COUNTER_POLL);
+    EXPECT_EQ(DumpParsed().header, Header(0, 0)) << "one short of a batch: nothing reached the new second";
+    tally.Add(STATE_COUNTER_SCHED_TASK_CREATE);
+    EXPECT_EQ(DumpParsed().rows[0], (Row{1, 0, 0, 1, 0, 0, 0, 0, 0, EventTally::FLUSH_EVENTS - 1}));
+
+    fakeNow += 1;
+    tally.Add(STATE_COUNTER_DMABUF_UPDATE);
+  }
+  const Dump dump = DumpParsed();
+  EXPECT_EQ(dump.header, Header(2, 0));
+  EXPECT_EQ(dump.rows[0], (Row{1, 0, 0, 0, 0, 0, 0, 0, 1, 0})) << "handed over when the tally went";
+}
+
 // Two producers count while a third thread dumps; the clock moves on meanwhile.
 TEST_F(DataStateTest, ProducersAndADumperShareTheWindow) {
   constexpr int kCounts = 20000;

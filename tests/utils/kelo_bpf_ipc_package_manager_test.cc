@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
@@ -114,6 +115,53 @@ TEST_F(IpcPackageManagerTest, PackageOfTheWholeBufferFitsOneByteMoreIsRemoved) {
   EXPECT_EQ(contents(), Frame(2, "a"));
   EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
   EXPECT_EQ(contents(), Frame(2, "a") + Frame(2, "b"));
+}
+
+// The batched drain must leave queue, buffer and error log exactly as the
+// one-package-at-a-time loop it replaces would.
+TEST_F(IpcPackageManagerTest, BatchedDrainStopsWhereTheOneByOneLoopStops) {
+  const std::string tooBig(BUFFER_SIZE, 't');
+  const std::string filler(BUFFER_SIZE - 4 - 8 - 20, 'f');
+  struct Run {
+    std::string contents;
+    size_t left;
+    int code8;
+  };
+  auto drain = [&](bool batched) {
+    IpcPackageManager q;
+    BufferState out;
+    out.allocate(BUFFER_SIZE);
+    kelo_test::ResetErrorLog();
+    q.buildAndAppendSecondIpcPackage(2, "a", 1);
+    q.buildAndAppendSecondIpcPackage(2, tooBig.data(), tooBig.size());
+    q.buildAndAppendSecondIpcPackage(2, filler.data(), filler.size());
+    q.buildAndAppendSecondIpcPackage(2, "0123456789", 10);
+    std::vector<Run> runs;
+    for (int call = 0; call < 3; ++call) {
+      if (batched) {
+        q.fillNextIpcPackagesToBuffer(&out);
+      } else {
+        while (q.fillNextIpcPackageToBuffer(&out)) {
+        }
+      }
+      runs.push_back({std::string(out.buffer.data(), out.bufferDataCursor), q.getIpcPackageCount(), ErrorLogCount(8)});
+    }
+    return runs;
+  };
+  const std::vector<Run> loop = drain(false);
+  const std::vector<Run> batched = drain(true);
+  ASSERT_EQ(loop.size(), batched.size());
+  for (size_t i = 0; i < loop.size(); ++i) {
+    EXPECT_EQ(batched[i].contents, loop[i].contents) << "call " << i;
+    EXPECT_EQ(batched[i].left, loop[i].left) << "call " << i;
+    EXPECT_EQ(batched[i].code8, loop[i].code8) << "call " << i;
+  }
+  // First call: "a", then the oversized package is dropped and ends the run;
+  // second: the filler; third: no room for the last package, which stays.
+  EXPECT_EQ(batched[0].contents, Frame(2, "a"));
+  EXPECT_EQ(batched[0].code8, 1);
+  EXPECT_EQ(batched[1].contents, Frame(2, "a") + Frame(2, filler));
+  EXPECT_EQ(batched[2].left, 1u);
 }
 
 TEST_F(IpcPackageManagerTest, PackageWaitsForRoomAndWaitersForPackages) {
