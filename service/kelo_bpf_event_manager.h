@@ -63,7 +63,8 @@ class EventManager {
   // bytes are queued byte for byte as a package of type 3 for every
   // connection subscribed to the type, in subscription order, and then the
   // endpoint is asked to write to each of them whose queue has no write
-  // request pending already. Always 0.
+  // request pending already: at once, or at the next flush of the calling
+  // thread's DeferredWakeups when it has one. Always 0.
   //
   // A connection whose queue holds PACE_START_DEPTH packages or more holds
   // the publisher back, outside every lock, until its sender has brought the
