@@ -279,18 +279,24 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     return -1;
   }
   BufferState* const writeBuffer = &channel->buffer;
-  if (handlerState.onWriteable(fd, writeBuffer) == -1) {
+  const auto refill = [this, fd, writeBuffer]() {
+    if (handlerState.onWriteable(fd, writeBuffer) != -1) return true;
     KELO_LOGE(name, "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno, strerror(errno));
-    return -1;
-  }
+    return false;
+  };
+  if (!refill()) return -1;
   // Nothing left: the loop drops write interest.
   if (writeBuffer->empty()) return -3;
   if (!ensureDataSend(fd, writeBuffer)) {
     KELO_LOGE(name, "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno, strerror(errno));
     return -1;
   }
-  // Keep write interest: the next writable event asks onWriteable for more.
-  return 0;
+  // The socket took everything. Ask for more now rather than on the next
+  // writable event: when nothing came, write interest is dropped at once
+  // instead of after one more round of the loop that would find nothing;
+  // what came is sent on the next writable event.
+  if (!refill()) return -1;
+  return writeBuffer->empty() ? -3 : 0;
 }
 
 bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {

@@ -266,6 +266,7 @@ TEST_F(UnixIpcManagerTest, SlowPeerLosesItsBufferedBytesAndOthersStayServed) {
 
 TEST_F(UnixIpcManagerTest, IdleConnectionNeverWakesTheLoop) {
   serve(1);
+  const uint64_t before = server->manager->getWakeupCount();
   server->send(server->connected()[0], "one");
   ASSERT_TRUE(raw[0].Next());
   // Write interest goes once the queue is empty; after that the loop sleeps.
@@ -277,6 +278,7 @@ TEST_F(UnixIpcManagerTest, IdleConnectionNeverWakesTheLoop) {
   }));
   std::this_thread::sleep_for(QUIET_PERIOD);
   EXPECT_EQ(server->manager->getWakeupCount(), settled);
+  EXPECT_EQ(settled - before, 1u) << "the round that sent the package also dropped write interest";
 }
 
 TEST_F(UnixIpcManagerTest, ClosedConnectionIsForgottenAndItsNumberStartsClean) {
