@@ -7,12 +7,13 @@
 //
 //   BM_QueueThroughManager  the service's path: the producer (the benchmark
 //       thread) appends each record to the connection's IpcPackageManager
-//       and asks the server UnixIpcManager to write; the manager's worker
-//       fills its 32 KiB write buffer with fillNextIpcPackageToBuffer until
-//       it refuses, as the service's writeable hook does, and sends it.
+//       and, when requestSend says no write is pending yet, asks the server
+//       UnixIpcManager to write, as the service's registry does; the
+//       manager's worker fills its 32 KiB write buffer with
+//       fillNextIpcPackagesToBuffer (whole packages until one does not fit,
+//       under one lock), as the service's writeable hook does, and sends it.
 //       With bulk_fill:1 the hook fills the buffer with one
-//       fillIpcPackageToBuffer instead, to show what per-package locking
-//       costs.
+//       fillIpcPackageToBuffer instead.
 //   BM_OneSendPerFrame      baseline: the same frames, one send() each, from
 //       the benchmark thread.
 //   BM_ReadyBufferBatches   ceiling: the same bytes sent in 32 KiB batches
@@ -79,8 +80,8 @@ constexpr size_t QUEUE_RESUME_AT = 2000;
 constexpr auto BACK_PRESSURE_SLEEP = std::chrono::microseconds(50);
 // A batch that makes no progress for this long has lost frames.
 constexpr auto STALL_LIMIT = std::chrono::seconds(5);
-// How the writeable hook fills the write buffer: one fillNextIpcPackageToBuffer
-// per package as the service does, or one fillIpcPackageToBuffer per buffer.
+// How the writeable hook fills the write buffer: fillNextIpcPackagesToBuffer
+// as the service does, or one fillIpcPackageToBuffer per buffer.
 constexpr int64_t PACKAGE_BY_PACKAGE_FILL = 0;
 constexpr int64_t BULK_FILL = 1;
 // Thread names, to tell the threads apart in a profile.
@@ -259,13 +260,13 @@ void BM_QueueThroughManager(benchmark::State& state) {
   };
   const bool bulkFill = state.range(0) == BULK_FILL;
   hooks.onWriteable = [&queue, bulkFill](int, BufferState* writeBuffer) {
+    queue.beginSend();
     if (bulkFill) {
       queue.fillIpcPackageToBuffer(writeBuffer);
       return 0;
     }
     // The service's writeable hook: whole packages until one does not fit.
-    while (queue.fillNextIpcPackageToBuffer(writeBuffer)) {
-    }
+    queue.fillNextIpcPackagesToBuffer(writeBuffer);
     return 0;
   };
   cpu_set_t processors;
@@ -297,7 +298,7 @@ void BM_QueueThroughManager(benchmark::State& state) {
       }
       FillRecord(record, sequence++);
       queue.buildAndAppendSecondIpcPackage(EVENT_PACKAGE_TYPE, record, RECORD_SIZE);
-      manager.notifyNeedWriteData(fd);
+      if (queue.requestSend()) manager.notifyNeedWriteData(fd);
     }
     if (!peer.waitFor(sequence)) {
       state.SkipWithError("frames lost or malformed");
