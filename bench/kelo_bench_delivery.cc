@@ -145,6 +145,7 @@ DeliveryCost Paced(Delivery* delivery, const std::string& record, uint64_t rate,
   DeliveryCost cost;
   const std::vector<uint64_t> expected = ExpectMore(*delivery, records);
   const ThreadUsage before = SumThreadUsage(pipeline.threadPrefix);
+  const ThreadUsage senderBefore = SumThreadUsage(pipeline.senderThread);
   // Sleeps of the producer end on time, not up to 50 us late.
   prctl(PR_SET_TIMERSLACK, 1UL);
   const int64_t start = NowNs();
@@ -156,6 +157,7 @@ DeliveryCost Paced(Delivery* delivery, const std::string& record, uint64_t rate,
     *burst = static_cast<double>(records) / static_cast<double>(injections);
   }
   AddUsage(before, SumThreadUsage(pipeline.threadPrefix), &cost);
+  cost.senderCpuNs = SumThreadUsage(pipeline.senderThread).cpuNs - senderBefore.cpuNs;
   return cost;
 }
 

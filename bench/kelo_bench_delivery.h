@@ -24,6 +24,8 @@ struct Pipeline {
   Kelo::Bpf::Mutex* gate = nullptr;
   // Names of its threads start with this.
   std::string threadPrefix;
+  // Name of its thread that writes to the clients.
+  std::string senderThread;
   // Makes connected clients subscribers; true when all of them are.
   std::function<bool(std::vector<std::unique_ptr<CountingClient>>&)> enrol;
   // The ring its pump consumes.
@@ -47,6 +49,8 @@ struct DeliveryCost {
   uint64_t lost = 0;
   uint64_t cpuNs = 0;
   uint64_t switches = 0;
+  // The share of cpuNs of the sender thread (measured by Paced only).
+  uint64_t senderCpuNs = 0;
   bool failed = false;
 };
 

@@ -197,6 +197,7 @@ Pipeline ServicePipeline() {
   pipeline.socketName = SERVICE_SOCKET;
   pipeline.gate = &EventManager::keloRawEventManagerLock;
   pipeline.threadPrefix = SERVICE_THREAD_PREFIX;
+  pipeline.senderThread = KeloBpfService::IPC_THREAD_NAME;
   pipeline.enrol = [](std::vector<std::unique_ptr<CountingClient>>& clients) {
     for (auto& client : clients) {
       if (!client->Subscribe(Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, EVENT_TYPE)) return false;
@@ -212,6 +213,7 @@ Pipeline ReferencePipelineOf(ReferencePipeline* reference) {
   pipeline.socketName = REFERENCE_SOCKET;
   pipeline.gate = &reference->dispatchGate();
   pipeline.threadPrefix = ReferencePipeline::THREAD_PREFIX;
+  pipeline.senderThread = ReferencePipeline::SENDER_THREAD_NAME;
   // Every accepted connection is a subscriber.
   pipeline.enrol = [reference](std::vector<std::unique_ptr<CountingClient>>& clients) {
     const auto deadline = std::chrono::steady_clock::now() + 10s;
@@ -422,6 +424,7 @@ void BM_Paced(benchmark::State& state) {
       const std::string name = SIDE_NAMES[side];
       cpu[side] = PerMillion(cost.cpuNs, records) / NS_PER_SECOND;
       state.counters[name + "_cpu_s_per_M"] = cpu[side];
+      state.counters[name + "_sender_cpu_s_per_M"] = PerMillion(cost.senderCpuNs, records) / NS_PER_SECOND;
       state.counters[name + "_switches_per_event"] = static_cast<double>(cost.switches) / static_cast<double>(records);
       state.counters[name + "_lost"] = static_cast<double>(cost.lost);
       burst = std::max(burst, sideBurst);
@@ -482,6 +485,8 @@ void PrintSummary(const SummaryReporter& results) {
   paced("reference", "reference_cpu_s_per_M");
   paced("service", "service_cpu_s_per_M");
   paced("service / reference (target <= 1)", "service_vs_reference");
+  paced("of which the sender thread, reference", "reference_sender_cpu_s_per_M");
+  paced("of which the sender thread, service", "service_sender_cpu_s_per_M");
   paced("context switches per event, reference", "reference_switches_per_event");
   paced("context switches per event, service", "service_switches_per_event");
   paced("records lost by the service (target 0)", "service_lost");
