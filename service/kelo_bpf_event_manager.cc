@@ -136,14 +136,18 @@ void EventManager::NotifySendersLocked(const std::vector<int>& fds) {
 void EventManager::WakeSenders(const std::vector<int>& fds) {
   thread_local std::vector<int> connected;
   connected.clear();
-  MutexLock lock(keloRawEventManagerLock);
-  if (clientQueues == nullptr) return;
-  // A connection that closed since its packages were queued has nothing
-  // left to send.
-  for (int fd : fds) {
-    if (clientQueues->count(fd) != 0) connected.push_back(fd);
+  {
+    MutexLock lock(keloRawEventManagerLock);
+    if (clientQueues == nullptr) return;
+    // A connection that closed since its packages were queued has nothing
+    // left to send.
+    for (int fd : fds) {
+      if (clientQueues->count(fd) != 0) connected.push_back(fd);
+    }
   }
-  if (!connected.empty()) NotifySendersLocked(connected);
+  if (connected.empty()) return;
+  KeloBpfService* service = KeloBpfService::FindInstance();
+  if (service != nullptr) service->notifyClientEventReady(connected);
 }
 
 DeferredWakeups::DeferredWakeups() { deferredWakeups = this; }
