@@ -1,0 +1,253 @@
+// The start-up process scan against the real /proc: in a pid namespace of
+// its own, where every process is known and still, the table must agree
+// with ps field by field; on the machine's whole process list, every record
+// must reach a subscriber and the counters, and kernel threads own nothing.
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/stringprintf.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bpf/kelo_bpf_events.h"
+#include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_state.h"
+#include "service/kelo_bpf_task_manager.h"
+#include "tests/support/bpf_fixture.h"
+#include "tests/support/ipc_client.h"
+#include "tests/support/state_file.h"
+#include "tests/support/wait.h"
+#include "utils/kelo_bpf_time.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+using kelo_test::WaitUntil;
+
+// One line of `ps -e -o pid=,ppid=,nlwp=,rss=`.
+struct PsRow {
+  int pid, ppid, threads;
+  long rssKb;
+  bool operator==(const PsRow& o) const {
+    return pid == o.pid && ppid == o.ppid && threads == o.threads && rssKb == o.rssKb;
+  }
+};
+
+std::map<int, PsRow> Ps() {
+  std::map<int, PsRow> rows;
+  FILE* ps = popen("ps -e -o pid=,ppid=,nlwp=,rss=", "r");
+  if (ps == nullptr) return rows;
+  PsRow row;
+  while (fscanf(ps, "%d %d %d %ld", &row.pid, &row.ppid, &row.threads, &row.rssKb) == 4) rows[row.pid] = row;
+  pclose(ps);
+  return rows;
+}
+
+// Processes that idle for the test's length: one with extra threads, one
+// with touched memory. Made before any thread of the test process exists.
+class Sleepers {
+ public:
+  Sleepers() {
+    int ends[2];
+    if (pipe(ends) != 0) return;
+    for (int kind = 0; kind < 3; ++kind) {
+      const pid_t pid = fork();
+      if (pid == 0) {
+        close(ends[1]);
+        std::vector<std::thread> threads;
+        std::string memory;
+        if (kind == 1) {
+          for (int i = 0; i < 3; ++i) threads.emplace_back([fd = ends[0]] {
+            char c;
+            while (read(fd, &c, 1) > 0) {
+            }
+          });
+        }
+        if (kind == 2) memory.assign(8 << 20, 'x');
+        char c;
+        while (read(ends[0], &c, 1) > 0) {
+        }
+        for (std::thread& thread : threads) thread.join();
+        _exit(memory.size() == 1 ? 1 : 0);
+      }
+      pids.push_back(pid);
+    }
+    close(ends[0]);
+    release = ends[1];
+  }
+  ~Sleepers() {
+    close(release);
+    for (pid_t pid : pids) waitpid(pid, nullptr, 0);
+  }
+  // Once the threads run and the memory is touched.
+  bool Settled() const {
+    return WaitUntil([&] {
+      std::string status;
+      return android::base::ReadFileToString("/proc/" + std::to_string(pids[1]) + "/status", &status) &&
+             status.find("\nThreads:\t4\n") != std::string::npos &&
+             android::base::ReadFileToString("/proc/" + std::to_string(pids[2]) + "/status", &status) &&
+             status.find("\nRssAnon:\t    0 kB") == std::string::npos && status.find("\nRssAnon:\t") != std::string::npos &&
+             std::stol(status.substr(status.find("\nRssAnon:\t") + 10)) >= (8 << 10);
+    });
+  }
+  std::vector<pid_t> pids;
+  int release = -1;
+};
+
+// Runs the scan as pid 1 of a new pid namespace with its own /proc and
+// checks the table against ps before and after. Problems go to stderr; the
+// exit status is their number.
+int ScanInOwnPidNamespace() {
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("proc", "/proc", "proc", 0, nullptr) != 0) {
+    perror("mount /proc");
+    return 100;
+  }
+  Sleepers sleepers;
+  if (!sleepers.Settled()) return 101;
+  InitBasetime();
+  const std::map<int, PsRow> before = Ps();
+  KeloBpfService::GetInstance(KeloBpfServiceConfig{})->initTaskInfo();
+  const std::map<int, PsRow> after = Ps();
+  const std::vector<KeloTask> table = KeloTaskManager::GetInstance()->CopyKeloTasks();
+
+  int problems = 0;
+  const auto problem = [&](const std::string& text) {
+    fprintf(stderr, "%s\n", text.c_str());
+    ++problems;
+  };
+  // Alive then and now: this process and its sleepers (ps itself is gone).
+  std::map<int, const KeloTask*> byPid;
+  for (const KeloTask& task : table) byPid[task.pid] = &task;
+  if (table.size() != 4) problem("table holds " + std::to_string(table.size()) + " records, 4 expected");
+  for (const auto& [pid, row] : before) {
+    auto now = after.find(pid);
+    if (now == after.end()) continue;
+    auto found = byPid.find(pid);
+    if (found == byPid.end()) {
+      problem("pid " + std::to_string(pid) + " missing");
+      continue;
+    }
+    const KeloTask& task = *found->second;
+    const long rssKb = (task.rssAnonSize + task.rssFileSize + task.rssShmemSize) / 1024;
+    const PsRow seen = {task.pid, task.ppid, task.threadNum, rssKb};
+    // This process allocates while it scans; the sleepers stay as they are.
+    if (pid == 1 ? seen.ppid != row.ppid || seen.threads != row.threads : !(seen == row && row == now->second)) {
+      problem(android::base::StringPrintf("pid %d: table ppid %d threads %d rss %ld kB, ps ppid %d threads %d rss %ld kB",
+                                          pid, seen.ppid, seen.threads, seen.rssKb, row.ppid, row.threads, row.rssKb));
+    }
+    if (task.uid != 0 || task.oldThreadNum != task.threadNum || task.rssAnonOldSize != task.rssAnonSize ||
+        task.initTimeStamp < GetBasetime() || task.initTimeStamp > time(nullptr) + 1) {
+      problem("pid " + std::to_string(pid) + ": uid, old figures or start time wrong");
+    }
+  }
+  return problems;
+}
+
+TEST(ProcessScan, TableAgreesWithPsInAPidNamespaceOfItsOwn) {
+  // The namespace's first process runs the scan; its parent only waits.
+  const pid_t outer = fork();
+  ASSERT_GE(outer, 0);
+  if (outer == 0) {
+    if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) _exit(102);
+    const pid_t first = fork();
+    if (first == 0) _exit(ScanInOwnPidNamespace());
+    int status = 0;
+    waitpid(first, &status, 0);
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 103);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(outer, &status, 0), outer);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "see the problems printed above";
+}
+
+TEST(ProcessScan, EveryProcessReachesSubscribersAndIsCountedTwiceKernelThreadsOwnNothing) {
+  Sleepers sleepers;  // before the service's threads exist
+  ASSERT_TRUE(sleepers.Settled());
+  std::unique_ptr<kelo_test::ServiceRingBuffers> rings = kelo_test::ServiceRingBuffers::Create();
+  ASSERT_TRUE(rings);
+  kelo_test::MakeDirs(KeloBpfDataState::KELOTASK_DUMP_PATH);
+  android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "0");
+  KeloBpfService* service = KeloBpfService::GetInstance(KeloBpfServiceConfig{});
+  service->start();
+  kelo_test::IpcClient client(KELO_BPF_CLIENT_SOCKET_NAME);
+  ASSERT_TRUE(client.Connect());
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_INIT), 0);
+  const std::map<int, PsRow> before = Ps();
+  android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
+
+  // The scan is over once normal events are switched on; a record injected
+  // then comes after every synthesised one.
+  ASSERT_TRUE(WaitUntil([&] { return (rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) & KELO_RB_FLAG_NORMAL) != 0; }));
+  kelo_task_init_event marker = {};
+  marker.header.type = KELO_EVENT_TASK_INIT;
+  marker.pid = 100001;
+  ASSERT_TRUE(rings->normal->Inject(&marker, sizeof(marker)));
+  std::map<int, kelo_task_init_event> records;
+  while (true) {
+    std::optional<kelo_test::Package> package = client.Next();
+    ASSERT_TRUE(package);
+    ASSERT_EQ(package->payload.size(), sizeof(kelo_task_init_event));
+    kelo_task_init_event record;
+    memcpy(&record, package->payload.data(), sizeof(record));
+    if (record.pid == marker.pid) break;
+    EXPECT_EQ(records.count(record.pid), 0u) << record.pid;
+    records[record.pid] = record;
+  }
+  const std::map<int, PsRow> after = Ps();
+
+  for (const auto& [pid, row] : before) {
+    if (after.count(pid) != 0 && after.at(pid).ppid == row.ppid) {
+      ASSERT_EQ(records.count(pid), 1u) << "pid " << pid;
+      EXPECT_EQ(records[pid].ppid, row.ppid) << "pid " << pid;
+    }
+  }
+  int kernelThreads = 0;
+  for (const auto& [pid, record] : records) {
+    if (pid != 2 && record.ppid != 2) continue;
+    ++kernelThreads;
+    EXPECT_EQ(record.rss_anon | record.rss_file | record.rss_shmem | record.rss_swap, 0) << record.comm;
+  }
+  EXPECT_GT(kernelThreads, 1);
+  // A known process: every field.
+  const kelo_task_init_event& threaded = records[sleepers.pids[1]];
+  EXPECT_EQ(threaded.ppid, getpid());
+  EXPECT_EQ(threaded.thread_num, 4);
+  EXPECT_EQ(threaded.uid, getuid());
+  EXPECT_STREQ(threaded.comm, records[getpid()].comm);
+  EXPECT_GT(records[sleepers.pids[2]].rss_anon, 8 << 20);
+  EXPECT_EQ(records[sleepers.pids[2]].rss_anon % 1024, 0);
+  EXPECT_EQ(KeloTaskManager::GetInstance()->GetKeloTaskCount(), records.size() + 1);
+
+  // Counted by the dispatcher and once more by the scan; the marker once.
+  const std::optional<std::vector<int64_t>> totals = kelo_test::RequestStateTotals();
+  ASSERT_TRUE(totals);
+  EXPECT_EQ((*totals)[1 + KELO_EVENT_TASK_INIT], 2 * static_cast<int64_t>(records.size()) + 1);
+}
+
+TEST(ProcessScan, StatusReReadOfAProcessThatIsGoneFailsAndLeavesTheCallersData) {
+  KeloBpfService* service = KeloBpfService::GetInstance(KeloBpfServiceConfig{});
+  UpdateProcessExdata data = {};
+  ASSERT_EQ(service->getProcessInfo(getpid(), &data), 0);
+  EXPECT_EQ(data.pid, getpid());
+  EXPECT_EQ(data.ppid, getppid());
+  UpdateProcessExdata untouched = {7, 8, "kept"};
+  EXPECT_EQ(service->getProcessInfo(100001, &untouched), -1);
+  EXPECT_EQ(untouched.ppid, 8);
+  EXPECT_STREQ(untouched.name, "kept");
+}
+
+}  // namespace
+}  // namespace Bpf
+}  // namespace Kelo
