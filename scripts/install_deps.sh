@@ -10,7 +10,7 @@ PACKAGES=(
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libbpf-dev libbpfcc-dev bpftool libelf-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  util-linux iproute2 procps
+  util-linux iproute2 procps python3
 )
 
 missing=()

@@ -8,13 +8,11 @@
 // /data and network namespace), so the service's fixed paths and socket name
 // are private to it; and in its own process, so each gets a fresh service.
 #include <android-base/file.h>
-#include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +28,7 @@
 #include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/ipc_client.h"
+#include "tests/support/live_service.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/state_file.h"
@@ -45,28 +44,8 @@ using Kelo::Bpf::KeloBpfService;
 using kelo_test::RunChild;
 using kelo_test::WaitUntil;
 
-// True once the service's abstract socket is listening in this sandbox.
-bool ServiceListening() {
-  std::string table;
-  return android::base::ReadFileToString("/proc/net/unix", &table) &&
-         table.find(std::string("@") + Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME) != std::string::npos;
-}
-
-// Loads the kernel side, makes the service ready from the start and starts
-// it: what kelobpfd --load does.
-void StartServiceLikeTheDaemon() {
-  kelo_test::MakeLogDirs();
-  utsname name;
-  ASSERT_EQ(uname(&name), 0);
-  unsigned major = 0, minor = 0;
-  ASSERT_EQ(sscanf(name.release, "%u.%u", &major, &minor), 2);
-  android::base::SetProperty("ro.kernel.version", std::to_string(major) + "." + std::to_string(minor));
-  signal(SIGPIPE, SIG_IGN);  // a subscriber that goes away must not end the test
-  ASSERT_TRUE(kelo_test::LoadAndPinPrograms());
-  android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
-  ASSERT_TRUE(Kelo::Bpf::BpfServiceMain());
-  ASSERT_TRUE(WaitUntil(ServiceListening));
-}
+using kelo_test::ServiceListening;
+using kelo_test::StartServiceLikeTheDaemon;
 
 // A package as a short tag: "response <reqId>: <result>", or the record type
 // of an event, followed by " child" for the whole-process fork or exit
