@@ -17,15 +17,7 @@ int KeloBpfService::handleKmem_RssStat(char* /*data*/, long long /*size*/) { ret
 
 int KeloBpfService::initTaskInfo() { return 0; }
 
-int KeloBpfService::initDmabufBpfProg() { return 0; }
-
-int KeloBpfService::initFdBpfProg() { return 0; }
-
 int KeloBpfService::getProcessInfo(int /*pid*/, UpdateProcessExdata* /*out*/) { return 0; }
-
-long KeloBpfService::GetFdSize(const std::string& /*fdinfoPath*/) { return 0; }
-
-unsigned long long KeloBpfService::GetFdInode(const std::string& /*fdinfoPath*/) { return 0; }
 
 void HandleDumpSignal(int /*signal*/) {}
 
