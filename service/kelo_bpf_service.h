@@ -240,10 +240,24 @@ class KeloBpfService {
 
   // Tracking-map set-up and procfs readers.
   int initBpfMap();
+  // Writes every process's descriptor count and name into the pinned
+  // open_fd_caller_map (key pid, BPF_ANY); 0 after the scan (failed updates
+  // are logged and skipped), -1 when the map cannot be opened. Not called by
+  // the service; safe on any thread.
   int initFdBpfProg();
+  // Seeds the pinned dma-buf maps from the descriptors of every process in
+  // /proc: dmabuf_allocate_map (inode -> holder and size) and both size maps
+  // (pid -> total of distinct buffers). 0 after the scan (failed updates are
+  // logged and skipped); -1 when one of the five dma-buf maps cannot be
+  // opened, and then nothing is written. On "BpfServicePGpl" only: it alone
+  // uses the unlocked scratch members.
   int initDmabufBpfProg();
   int initTaskInfo();
   int getProcessInfo(int pid, UpdateProcessExdata* out);
+  // The number on the first "size:\t" / "ino:\t" line of an fdinfo file; 0
+  // when the file cannot be opened (warning "Unable to open <path>") or the
+  // line is missing or holds no number. A size beyond long (2 GiB and more on
+  // the 32-bit target) is reported as LONG_MAX with a warning. Any thread.
   long GetFdSize(const std::string& fdinfoPath);
   unsigned long long GetFdInode(const std::string& fdinfoPath);
 
