@@ -8,14 +8,20 @@
 #    kelobpfd and kelobpf-client in build/live (clang, RelWithDebInfo).
 # 2. In private mount and network namespaces (own bpffs at /sys/fs/bpf, own
 #    tracefs, build/live/data bind-mounted over /data, a private abstract
-#    socket name), starts kelobpfd --load: the kernel programs are loaded and
-#    pinned under /sys/fs/bpf/kelo, the service starts and is made ready.
-# 3. Runs kelobpf-client subscribed to every event type for N seconds while
-#    forking, exec'ing and allocating memory, so that events show.
-# 4. Sends signal 50 to the daemon and prints the state file it writes, then
-#    stops the daemon with SIGTERM.
-# 5. Prints a summary: events per type, failed attachments (this machine has
-#    no kprobes, so the kprobe rows fail and are counted), exit statuses.
+#    socket name), starts kelobpfd --load --ready-delay 2: the kernel programs
+#    are loaded and pinned under /sys/fs/bpf/kelo, the service starts and is
+#    made ready two seconds later.
+# 3. Runs kelobpf-client subscribed to every event type, from before the
+#    service is ready (so it sees the start-up scan's records of every
+#    process) for N seconds while forking, exec'ing and allocating memory; a
+#    workload process lives the whole run, starts 12 threads and grows its
+#    memory after 3 s, so that thread-count and RSS reports show.
+# 4. Sends signal 51 to the daemon and prints the head of the task table it
+#    writes, then signal 50 and prints the state file, then stops the daemon
+#    with SIGTERM.
+# 5. Prints a summary: events per type, the task table's size, failed
+#    attachments (this machine has no kprobes, so the kprobe rows fail and are
+#    counted), exit statuses.
 #
 # Outputs: build/live/daemon.log (the platform log), build/live/client.log
 # (every response and event), build/live/data/kelolog/stability/
@@ -68,6 +74,7 @@ client="$live/tools/kelobpf-client"
 data="$live/data"
 state_dir=/data/kelolog/stability/kelobpfframework
 state_file="$state_dir/bpfservice_state.csv"
+dump_file="$state_dir/DUMPTASK_INFO"
 daemon_log="$live/daemon.log"
 client_log="$live/client.log"
 
@@ -79,9 +86,11 @@ mountpoint -q /sys/kernel/tracing || mount -t tracefs kelo-live-tracefs /sys/ker
 
 daemon_pid=""
 client_pid=""
+workload_pid=""
 cleanup() {
   [ -n "$client_pid" ] && kill -TERM "$client_pid" 2>/dev/null || true
   [ -n "$daemon_pid" ] && kill -TERM "$daemon_pid" 2>/dev/null || true
+  [ -n "$workload_pid" ] && kill -TERM "$workload_pid" 2>/dev/null || true
 }
 trap cleanup EXIT
 
@@ -115,10 +124,27 @@ generate_activity() {
   done
 }
 
-echo "=== start kelobpfd --load (log: $daemon_log)"
-"$daemon" --load >"$daemon_log" 2>&1 &
+# One process for the whole run: after 3 s it starts 12 threads and grows by
+# 8 MiB a second.
+start_workload() {
+  python3 -c '
+import threading, time
+time.sleep(3.5)
+stop = threading.Event()
+for _ in range(12): threading.Thread(target=stop.wait, daemon=True).start()
+blocks = []
+while True:
+    blocks.append(bytearray(8 << 20))
+    for i in range(0, 8 << 20, 4096): blocks[-1][i] = 1
+    time.sleep(1)
+' &
+  workload_pid=$!
+}
+
+echo "=== start kelobpfd --load --ready-delay 2 (log: $daemon_log)"
+"$daemon" --load --ready-delay 2 >"$daemon_log" 2>&1 &
 daemon_pid=$!
-if ! wait_until 30 daemon_ready || ! wait_until 10 socket_listening; then
+if ! wait_until 10 socket_listening; then
   echo "run_live: the daemon did not come up; its log:" >&2
   tail -n 30 "$daemon_log" >&2
   exit 1
@@ -127,10 +153,30 @@ fi
 echo "=== client subscribed to every event type for ${seconds}s (log: $client_log)"
 "$client" --duration "$seconds" >"$client_log" 2>&1 &
 client_pid=$!
+start_workload
+if ! wait_until 30 daemon_ready; then
+  echo "run_live: the daemon did not become ready; its log:" >&2
+  tail -n 30 "$daemon_log" >&2
+  exit 1
+fi
 generate_activity "$seconds"
 client_status=0
 wait "$client_pid" || client_status=$?
 client_pid=""
+
+kill -TERM "$workload_pid" 2>/dev/null || true
+wait "$workload_pid" 2>/dev/null || true
+workload_pid=""
+
+echo "=== signal 51: task table $dump_file (first 12 rows)"
+kill -n 51 "$daemon_pid"
+table_size=""
+if wait_until 10 test -s "$dump_file"; then
+  head -n 14 "$dump_file"
+  table_size=$(head -n 1 "$dump_file" | sed -n 's/.*(count: \([0-9]*\),.*/\1/p')
+else
+  echo "run_live: no task table after signal 51" >&2
+fi
 
 echo "=== signal 50: state file $state_file"
 kill -n 50 "$daemon_pid"
@@ -171,11 +217,13 @@ failed_tracepoint=$(grep -c "Attach tracepoint prog failed" "$daemon_log" || tru
 echo "attachments: $tried tried; failed: kprobe $failed_kprobe, kretprobe $failed_kretprobe, tracepoint $failed_tracepoint"
 grep -o "Attach [a-z]* prog failed: .*" "$daemon_log" | sed 's/^/  /' || true
 grep -o "\[KeloBpfService\]\[[a-zA-Z]*\] Attach all kelo bpf error: [0-9]*" "$daemon_log" | sed 's/^/  /' || true
+echo "task table: ${table_size:-MISSING} processes ($data${dump_file#/data})"
 echo "state file: $([ "$state_written" = 1 ] && echo "written ($data${state_file#/data})" || echo MISSING)"
 echo "client exit status: $client_status; daemon exit status: $daemon_status"
 
 total=$(awk '/^summary events=/ { split($2, e, "="); print e[2] }' "$client_log")
-if [ "$client_status" -ne 0 ] || [ "$daemon_status" -ne 0 ] || [ "$state_written" != 1 ] || [ "${total:-0}" -eq 0 ]; then
+if [ "$client_status" -ne 0 ] || [ "$daemon_status" -ne 0 ] || [ "$state_written" != 1 ] || [ "${total:-0}" -eq 0 ] ||
+   [ -z "$table_size" ]; then
   echo "=== live run FAILED"
   exit 1
 fi
