@@ -27,13 +27,5 @@ long KeloBpfService::GetFdSize(const std::string& /*fdinfoPath*/) { return 0; }
 
 unsigned long long KeloBpfService::GetFdInode(const std::string& /*fdinfoPath*/) { return 0; }
 
-void HandleDumpSignal(int /*signal*/) {}
-
-void HandleNonKernelDumpSignal(int /*signal*/) {}
-
-void HandleDumpSignalNormal(int /*signal*/) {}
-
-void HandleNonKernelDumpSignalNormal(int /*signal*/) {}
-
 }  // namespace Bpf
 }  // namespace Kelo
