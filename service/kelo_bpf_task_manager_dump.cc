@@ -23,8 +23,8 @@ constexpr mode_t DUMP_DIR_MODE = 0775;
 // As fopen would create it; the process umask applies.
 constexpr mode_t DUMP_FILE_MODE = 0666;
 
-constexpr char DUMP_COUNT_FORMAT[] = "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" PRId64
-                                     ") ============\n";
+constexpr char DUMP_COUNT_FORMAT[] =
+    "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" PRId64 ") ============\n";
 
 // Column headers, each in three pieces.
 constexpr const char* DUMP_FULL_HEADER[] = {
@@ -42,11 +42,11 @@ constexpr const char* DUMP_SHORT_HEADER[] = {
 
 // A row after the name: pid, ppid, threadNum, [oldThreadNum,] mmId, the
 // kilobyte columns, then initTimeStamp unconverted.
-constexpr char DUMP_FULL_ROW_FORMAT[] = "   %-12d%-12d%-12d%-13d%-12u%10" PRId64 " KB%17" PRId64 " KB%17" PRId64
-                                        " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64
-                                        " KB%17" PRId64 " KB%20" PRId64 "\n";
-constexpr char DUMP_SHORT_ROW_FORMAT[] = "   %-12d%-12d%-12d%-12u%10" PRId64 " KB%17" PRId64 " KB%17" PRId64
-                                         " KB%17" PRId64 " KB%20" PRId64 "\n";
+constexpr char DUMP_FULL_ROW_FORMAT[] =
+    "   %-12d%-12d%-12d%-13d%-12u%10" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64
+    " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%20" PRId64 "\n";
+constexpr char DUMP_SHORT_ROW_FORMAT[] =
+    "   %-12d%-12d%-12d%-12u%10" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%17" PRId64 " KB%20" PRId64 "\n";
 
 // Names are padded with blanks to this width; longer ones are written whole.
 constexpr size_t DUMP_COMM_WIDTH = 16;
@@ -68,13 +68,12 @@ void AppendRow(std::string* text, const KeloTask& task, KeloTaskDumpColumns colu
   if (nameLength < DUMP_COMM_WIDTH) text->append(DUMP_COMM_WIDTH - nameLength, ' ');
   if (columns == KeloTaskDumpColumns::FULL) {
     *text += StringPrintf(DUMP_FULL_ROW_FORMAT, task.pid, task.ppid, task.threadNum, task.oldThreadNum, task.mmId,
-                          Kb(task.rssAnonSize), Kb(task.rssAnonOldSize), Kb(task.rssFileSize),
-                          Kb(task.rssFileOldSize), Kb(task.rssShmemSize), Kb(task.rssShmemOldSize),
-                          Kb(task.rssSwapSize), Kb(task.rssSwapOldSize), task.initTimeStamp);
+                          Kb(task.rssAnonSize), Kb(task.rssAnonOldSize), Kb(task.rssFileSize), Kb(task.rssFileOldSize),
+                          Kb(task.rssShmemSize), Kb(task.rssShmemOldSize), Kb(task.rssSwapSize),
+                          Kb(task.rssSwapOldSize), task.initTimeStamp);
   } else {
-    *text += StringPrintf(DUMP_SHORT_ROW_FORMAT, task.pid, task.ppid, task.threadNum, task.mmId,
-                          Kb(task.rssAnonSize), Kb(task.rssFileSize), Kb(task.rssShmemSize), Kb(task.rssSwapSize),
-                          task.initTimeStamp);
+    *text += StringPrintf(DUMP_SHORT_ROW_FORMAT, task.pid, task.ppid, task.threadNum, task.mmId, Kb(task.rssAnonSize),
+                          Kb(task.rssFileSize), Kb(task.rssShmemSize), Kb(task.rssSwapSize), task.initTimeStamp);
   }
 }
 

@@ -73,8 +73,7 @@ bool ParseRow(const std::string& line, bool full, Row* row) {
            &row->file, &row->fileOld, &row->shmem, &row->shmemOld, &row->swap, &row->swapOld, &row->init, &end);
   } else {
     sscanf(rest, "%d %d %d %u %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 "%n", &row->pid,
-           &row->ppid, &row->threadNum, &row->mmId, &row->anon, &row->file, &row->shmem, &row->swap, &row->init,
-           &end);
+           &row->ppid, &row->threadNum, &row->mmId, &row->anon, &row->file, &row->shmem, &row->swap, &row->init, &end);
   }
   return end > 0 && static_cast<size_t>(end) == strlen(rest);
 }
@@ -87,8 +86,8 @@ Dump ParseDump(const std::string& text) {
   int64_t time = 0;
   int end = -1;
   if (!std::getline(lines, line) || !std::getline(lines, header)) return dump;
-  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" SCNd64 ") ============%n", &dump.count,
-         &time, &end);
+  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" SCNd64 ") ============%n",
+         &dump.count, &time, &end);
   if (end < 0 || static_cast<size_t>(end) != line.size() || header.rfind("comm ", 0) != 0) return dump;
   dump.full = header.find("rssAnonOldSize") != std::string::npos;
   while (std::getline(lines, line)) {
@@ -178,8 +177,8 @@ TEST_F(ServiceDumpTest, EachSignalWritesItsVariant) {
     bool full;
     bool allTasks;
   };
-  for (const Expectation& e : {Expectation{51, true, true}, Expectation{52, true, false},
-                               Expectation{53, false, true}, Expectation{54, false, false}}) {
+  for (const Expectation& e : {Expectation{51, true, true}, Expectation{52, true, false}, Expectation{53, false, true},
+                               Expectation{54, false, false}}) {
     SCOPED_TRACE(e.signal);
     const Dump dump = RequestDump(e.signal);
     ASSERT_TRUE(dump.parsed) << dump.text;

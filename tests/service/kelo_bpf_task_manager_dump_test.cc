@@ -67,8 +67,13 @@ std::vector<KeloTask> KnownTable() {
   negative1024.rssShmemSize = -1024;
   KeloTask huge = MakeTask(812, "surfaceflinger", 1LL << 40);  // kilobytes beyond 32 bits
   huge.initTimeStamp = 1LL << 40;
-  return {MakeTask(1, "init", MIB), kthreadd, negative1023, negative1024, MakeTask(500, "com.android.phone", 3 * MIB),
-          MakeTask(700, "abcdefghijklmno", 4096), huge};
+  return {MakeTask(1, "init", MIB),
+          kthreadd,
+          negative1023,
+          negative1024,
+          MakeTask(500, "com.android.phone", 3 * MIB),
+          MakeTask(700, "abcdefghijklmno", 4096),
+          huge};
 }
 
 // The rows of KnownTable in dump order (largest total first).
