@@ -17,6 +17,7 @@
 
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
+#include "service/kelo_bpf_task_manager.h"
 #include "utils/kelo_bpf_log.h"
 
 namespace Kelo {
@@ -81,6 +82,14 @@ struct DumpRequestPipe {
 };
 
 }  // namespace
+
+void HandleDumpSignal(int) { KeloTaskManager::GetInstance()->DumpKeloTaskInfo(); }
+
+void HandleNonKernelDumpSignal(int) { KeloTaskManager::GetInstance()->DumpKeloTaskIgnoreKernelTaskInfo(); }
+
+void HandleDumpSignalNormal(int) { KeloTaskManager::GetInstance()->DumpKeloTaskInfoNormal(); }
+
+void HandleNonKernelDumpSignalNormal(int) { KeloTaskManager::GetInstance()->DumpKeloTaskIgnoreKernelTaskInfoNormal(); }
 
 void KeloBpfService::DumpThread(int requestFd) {
   if (!NameAndBindThread(DUMP_THREAD_NAME)) {

@@ -2,6 +2,10 @@
 // delete records as kernel events arrive; the dump routines copy and sort
 // them. Records are owned by value in a pid-ordered map.
 //
+// The dumps write the table to KELOTASK_DUMP_TEMPLATE as text: a line with
+// the number of records and the wall-clock time, a column header, then one
+// row per task, largest total RSS first, sizes in kilobytes.
+//
 // Locking: every operation below takes the manager's lock on its own. A
 // pointer returned by a getter points into a table and stays valid only until
 // its record is erased, so a caller that reads or updates a record through it
@@ -17,7 +21,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "utils/kelo_bpf_mutex.h"
@@ -90,8 +96,23 @@ static_assert(sizeof(KeloTask) == 128);
 // difference): sorting with it puts the largest process first.
 bool CompareKeloTask(const KeloTask& a, const KeloTask& b);
 
+// What a task dump lists: every task or only those owning some memory (kernel
+// threads own none), with all columns or without the last-reported ones.
+enum class KeloTaskDumpRows { ALL, WITH_RSS };
+enum class KeloTaskDumpColumns { FULL, SHORT };
+
+// Text of a task dump of `tasks` (in any order): the header line with `count`
+// and `now`, the column header, then the rows that `rows` selects sorted with
+// CompareKeloTask. `count` is printed as given, so it may exceed the number
+// of rows. Pure; runs on any thread.
+std::string FormatKeloTaskDump(std::vector<KeloTask> tasks, unsigned int count, time_t now, KeloTaskDumpRows rows,
+                               KeloTaskDumpColumns columns);
+
 class KeloTaskManager {
  public:
+  static constexpr char KELOTASK_DUMP_PATH[] = "/data/kelolog/stability/kelobpfframework";
+  static constexpr char KELOTASK_DUMP_TEMPLATE[] = "/data/kelolog/stability/kelobpfframework/DUMPTASK_INFO";
+
   // Made on first use, never destroyed.
   static KeloTaskManager* GetInstance();
 
@@ -125,6 +146,20 @@ class KeloTaskManager {
   // Copy of every task record in pid order, taken atomically.
   std::vector<KeloTask> CopyKeloTasks() EXCLUDES(lock_);
 
+  // Task dumps: each replaces KELOTASK_DUMP_TEMPLATE (creating its directory
+  // when missing) with the table as it was at one instant; the count line
+  // always gives the number of all records. Info lists every task, the
+  // IgnoreKernelTask variants only tasks with some RSS; the Normal variants
+  // leave out the last-reported columns. When the file cannot be created the
+  // error is logged ("BpfUtils") and nothing is written. The lock is held only
+  // for the copy; sorting and writing run without it. They allocate and write
+  // a file, so they run on an ordinary thread (the service's dump thread),
+  // never in signal context.
+  void DumpKeloTaskInfo() EXCLUDES(lock_);
+  void DumpKeloTaskIgnoreKernelTaskInfo() EXCLUDES(lock_);
+  void DumpKeloTaskInfoNormal() EXCLUDES(lock_);
+  void DumpKeloTaskIgnoreKernelTaskInfoNormal() EXCLUDES(lock_);
+
   // The operations above for a caller that already holds lock().
   int AddKeloTaskLocked(int pid, const KeloTask& task) REQUIRES(lock_);
   KeloTask* GetKeloTaskLocked(int pid) REQUIRES(lock_);
@@ -139,6 +174,8 @@ class KeloTaskManager {
   std::vector<KeloTask> CopyKeloTasksLocked() REQUIRES(lock_);
 
  private:
+  void DumpKeloTasks(KeloTaskDumpRows rows, KeloTaskDumpColumns columns) EXCLUDES(lock_);
+
   // Guards the three tables and the records they hold: the event producer
   // threads and the start-up scan update them, the dumps copy them.
   Mutex lock_;

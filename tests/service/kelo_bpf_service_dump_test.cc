@@ -1,0 +1,268 @@
+// The task dumps as the running service writes them on signals 51 to 54.
+// Their exact layout is pinned by the state tests; here the rows are parsed.
+// The start-up scan may add the machine's processes to the table, so the
+// cases only look for records of their own, under pids no process can have.
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_task_manager.h"
+#include "tests/support/bpf_fixture.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wait.h"
+
+namespace Kelo {
+namespace Bpf {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char DUMP_FILE_NAME[] = "DUMPTASK_INFO";
+// Above any pid_max.
+constexpr int32_t OWN_PID_BASE = 2000000000;
+
+struct Row {
+  std::string comm;
+  int32_t pid = 0, ppid = 0, threadNum = 0, oldThreadNum = 0;
+  uint32_t mmId = 0;
+  int64_t anon = 0, anonOld = 0, file = 0, fileOld = 0, shmem = 0, shmemOld = 0, swap = 0, swapOld = 0, init = 0;
+};
+
+struct Dump {
+  bool parsed = false;  // every line as the format gives it
+  unsigned count = 0;
+  bool full = false;
+  std::vector<Row> rows;
+  std::string text;
+
+  const Row* Find(int32_t pid) const {
+    for (const Row& row : rows) {
+      if (row.pid == pid) return &row;
+    }
+    return nullptr;
+  }
+};
+
+// True when all of line after the name was taken by the format.
+bool ParseRow(const std::string& line, bool full, Row* row) {
+  if (line.size() <= KELO_TASK_COMM_LEN) return false;
+  row->comm = line.substr(0, line.find_last_not_of(' ', KELO_TASK_COMM_LEN - 1) + 1);
+  const char* rest = line.c_str() + KELO_TASK_COMM_LEN;
+  int end = -1;
+  if (full) {
+    sscanf(rest,
+           "%d %d %d %d %u %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64
+           " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 "%n",
+           &row->pid, &row->ppid, &row->threadNum, &row->oldThreadNum, &row->mmId, &row->anon, &row->anonOld,
+           &row->file, &row->fileOld, &row->shmem, &row->shmemOld, &row->swap, &row->swapOld, &row->init, &end);
+  } else {
+    sscanf(rest, "%d %d %d %u %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 "%n", &row->pid,
+           &row->ppid, &row->threadNum, &row->mmId, &row->anon, &row->file, &row->shmem, &row->swap, &row->init, &end);
+  }
+  return end > 0 && static_cast<size_t>(end) == strlen(rest);
+}
+
+Dump ParseDump(const std::string& text) {
+  Dump dump;
+  dump.text = text;
+  std::istringstream lines(text);
+  std::string line, header;
+  int64_t time = 0;
+  int end = -1;
+  if (!std::getline(lines, line) || !std::getline(lines, header)) return dump;
+  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" SCNd64 ") ============%n",
+         &dump.count, &time, &end);
+  if (end < 0 || static_cast<size_t>(end) != line.size() || header.rfind("comm ", 0) != 0) return dump;
+  dump.full = header.find("rssAnonOldSize") != std::string::npos;
+  while (std::getline(lines, line)) {
+    dump.rows.emplace_back();
+    if (!ParseRow(line, dump.full, &dump.rows.back())) return dump;
+  }
+  dump.parsed = !text.empty() && text.back() == '\n';
+  return dump;
+}
+
+// The row the dumps give for task.
+std::string RowText(const KeloTask& task, KeloTaskDumpColumns columns) {
+  const std::string text = FormatKeloTaskDump({task}, 1, 0, KeloTaskDumpRows::ALL, columns);
+  return text.substr(text.find('\n', text.find('\n') + 1) + 1);
+}
+
+class ServiceDumpTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KELO_SKIP_OUTSIDE_SANDBOX();
+    ASSERT_TRUE(kelo_test::MakeDirs(KeloTaskManager::KELOTASK_DUMP_PATH));
+    inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ASSERT_GE(inotify_add_watch(inotify_.get(), KeloTaskManager::KELOTASK_DUMP_PATH, IN_CLOSE_WRITE), 0);
+    // The dump signals are routed once a pump has started.
+    android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
+    KeloBpfService::GetInstance(KeloBpfServiceConfig{})->start();
+    ASSERT_TRUE(kelo_test::WaitUntil([this] {
+      return rings_->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL);
+    }));
+  }
+
+  // The dump written on `signal` sent to this process, read once the dump
+  // closed its file; unparsed and empty when none came.
+  Dump RequestDump(int signal) {
+    char events[4096];
+    while (read(inotify_.get(), events, sizeof(events)) > 0) {
+    }
+    if (kill(getpid(), signal) != 0) return {};
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (std::chrono::steady_clock::now() < deadline) {
+      pollfd ready = {inotify_.get(), POLLIN, 0};
+      if (poll(&ready, 1, 100) <= 0) continue;
+      const ssize_t n = read(inotify_.get(), events, sizeof(events));
+      for (ssize_t offset = 0; offset < n;) {
+        inotify_event event;
+        memcpy(&event, events + offset, sizeof(event));
+        const std::string name = event.len > 0 ? std::string(events + offset + sizeof(event)) : "";
+        offset += static_cast<ssize_t>(sizeof(event) + event.len);
+        if (name != DUMP_FILE_NAME) continue;
+        std::string text;
+        android::base::ReadFileToString(KeloTaskManager::KELOTASK_DUMP_TEMPLATE, &text);
+        return ParseDump(text);
+      }
+    }
+    ADD_FAILURE() << "no dump for signal " << signal;
+    return {};
+  }
+
+  std::unique_ptr<kelo_test::ServiceRingBuffers> rings_ = kelo_test::ServiceRingBuffers::Create();
+  android::base::unique_fd inotify_;
+};
+
+TEST_F(ServiceDumpTest, EachSignalWritesItsVariant) {
+  KeloTask user{};
+  user.pid = OWN_PID_BASE + 1;
+  user.ppid = 1;
+  user.threadNum = 12;
+  user.oldThreadNum = 11;
+  user.mmId = 1000;
+  strcpy(user.comm, "dump-user");
+  user.rssAnonSize = 8 << 20;
+  user.rssAnonOldSize = 7 << 20;
+  user.rssFileSize = 3 << 20;
+  user.rssSwapSize = 4096;
+  user.initTimeStamp = 1700000000;
+  KeloTask kernel{};
+  kernel.pid = OWN_PID_BASE + 2;
+  kernel.ppid = 2;
+  kernel.threadNum = kernel.oldThreadNum = 1;
+  strcpy(kernel.comm, "dump-kthread");
+  KeloTaskManager* tasks = KeloTaskManager::GetInstance();
+  tasks->AddKeloTask(user.pid, user);
+  tasks->AddKeloTask(kernel.pid, kernel);
+
+  struct Expectation {
+    int signal;
+    bool full;
+    bool allTasks;
+  };
+  for (const Expectation& e : {Expectation{51, true, true}, Expectation{52, true, false}, Expectation{53, false, true},
+                               Expectation{54, false, false}}) {
+    SCOPED_TRACE(e.signal);
+    const Dump dump = RequestDump(e.signal);
+    ASSERT_TRUE(dump.parsed) << dump.text;
+    EXPECT_EQ(dump.full, e.full);
+    const KeloTaskDumpColumns columns = e.full ? KeloTaskDumpColumns::FULL : KeloTaskDumpColumns::SHORT;
+    EXPECT_NE(dump.text.find(RowText(user, columns)), std::string::npos) << dump.text;
+    EXPECT_EQ(dump.Find(kernel.pid) != nullptr, e.allTasks);
+    if (e.allTasks) {
+      EXPECT_NE(dump.text.find(RowText(kernel, columns)), std::string::npos) << dump.text;
+      EXPECT_EQ(dump.count, dump.rows.size());
+    } else {
+      EXPECT_GE(dump.count, dump.rows.size() + 1);
+    }
+  }
+  tasks->DelKeloTask(user.pid);
+  tasks->DelKeloTask(kernel.pid);
+}
+
+// A mutator adds, updates in place and removes records, keeping for each:
+// anon == file == 1024 * pid bytes, threadNum == oldThreadNum and
+// swap == shmem. A dump that copied a record halfway through a change would
+// break one of them.
+TEST_F(ServiceDumpTest, DumpsTakenWhileTheTableChangesShowWholeRecords) {
+  constexpr int32_t MUTATOR_PIDS = 64;
+  constexpr int32_t MUTATOR_BASE = OWN_PID_BASE + 100;
+  KeloTaskManager* tasks = KeloTaskManager::GetInstance();
+  std::atomic<bool> stop{false};
+  std::atomic<int64_t> changes{0};
+  std::thread mutator([&] {
+    for (uint32_t i = 0; !stop.load(std::memory_order_relaxed); ++i) {
+      const int32_t pid = MUTATOR_BASE + static_cast<int32_t>(i % MUTATOR_PIDS);
+      const int step = static_cast<int>((i / MUTATOR_PIDS) % 3);
+      if (step == 0) {
+        KeloTask task{};
+        task.pid = pid;
+        task.ppid = 1;
+        task.threadNum = task.oldThreadNum = 1;
+        task.mmId = 1000;
+        strcpy(task.comm, "mutator");
+        task.rssAnonSize = task.rssFileSize = int64_t{1024} * pid;
+        task.initTimeStamp = pid;
+        tasks->AddKeloTask(pid, task);
+      } else if (step == 1) {
+        MutexLock lock(tasks->lock());
+        if (KeloTask* task = tasks->GetKeloTaskLocked(pid)) {
+          task->threadNum += 1;
+          task->rssSwapSize += 1024;
+          task->oldThreadNum = task->threadNum;
+          task->rssShmemSize = task->rssSwapSize;
+        }
+      } else {
+        tasks->DelKeloTask(pid);
+      }
+      changes.fetch_add(1, std::memory_order_relaxed);
+    }
+  });
+
+  int mutatorRows = 0;
+  for (int dumpIndex = 0; dumpIndex < 24; ++dumpIndex) {
+    const int signal = 51 + dumpIndex % 4;
+    SCOPED_TRACE(signal);
+    const int64_t changesBefore = changes.load();
+    const Dump dump = RequestDump(signal);
+    ASSERT_TRUE(dump.parsed) << dump.text;
+    if (signal == 51 || signal == 53) EXPECT_EQ(dump.count, dump.rows.size());
+    for (const Row& row : dump.rows) {
+      if (row.pid < MUTATOR_BASE || row.pid >= MUTATOR_BASE + MUTATOR_PIDS) continue;
+      ++mutatorRows;
+      ASSERT_EQ(row.comm, "mutator");
+      ASSERT_EQ(row.anon, row.pid);
+      ASSERT_EQ(row.file, row.pid);
+      if (dump.full) ASSERT_EQ(row.threadNum, row.oldThreadNum);
+      ASSERT_EQ(row.shmem, row.swap);
+      ASSERT_EQ(row.init, row.pid);
+    }
+    // Keep the dumps apart in time, so that each sees a different table.
+    ASSERT_TRUE(kelo_test::WaitUntil([&] { return changes.load() > changesBefore + 100; }));
+  }
+  stop = true;
+  mutator.join();
+  EXPECT_GT(mutatorRows, 0);
+  for (int32_t pid = MUTATOR_BASE; pid < MUTATOR_BASE + MUTATOR_PIDS; ++pid) tasks->DelKeloTask(pid);
+}
+
+}  // namespace
+}  // namespace Bpf
+}  // namespace Kelo
