@@ -188,6 +188,92 @@ TEST(E2eTasks, ThreadsAndMemoryOfAProcessOlderThanThreeSecondsAreReported) {
   EXPECT_EQ(std::string(rss->comm), OwnComm());
 }
 
+// pid -> "ppid threads" of every process ps lists.
+std::map<int, std::string> PsThreads() {
+  std::map<int, std::string> rows;
+  FILE* ps = popen("ps -e -o pid=,ppid=,nlwp=", "r");
+  int pid = 0, ppid = 0, threads = 0;
+  while (ps != nullptr && fscanf(ps, "%d %d %d", &pid, &ppid, &threads) == 3) {
+    rows[pid] = std::to_string(ppid) + " " + std::to_string(threads);
+  }
+  if (ps != nullptr) pclose(ps);
+  return rows;
+}
+
+// The task table the service writes on `signal`: its count line and, by
+// pid, "ppid threads" and the row's four current KB figures summed.
+struct TaskDump {
+  unsigned count = 0;
+  std::map<int, std::string> threads;
+  std::map<int, int64_t> rssKb;
+};
+
+std::optional<TaskDump> RequestTaskDump(int signal) {
+  const char* path = Kelo::Bpf::KeloTaskManager::KELOTASK_DUMP_TEMPLATE;
+  unlink(path);
+  kill(getpid(), signal);
+  std::string text;
+  if (!WaitUntil([&] { return android::base::ReadFileToString(path, &text) && text.find("initTimeStamp") != std::string::npos && text.back() == '\n'; })) {
+    return std::nullopt;
+  }
+  TaskDump dump;
+  std::istringstream lines(text);
+  std::string line;
+  std::getline(lines, line);
+  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u", &dump.count);
+  std::getline(lines, line);
+  const bool full = line.find("oldThreadNum") != std::string::npos;
+  while (std::getline(lines, line)) {
+    // Kernel names are shorter than the 16 columns they are padded to.
+    int pid = 0, ppid = 0, threads = 0, oldThreads = 0;
+    unsigned mmId = 0;
+    long long kb[8] = {};
+    const char* row = line.c_str() + KELO_COMM_LEN;
+    const int n = full ? sscanf(row, "%d %d %d %d %u %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB",
+                                &pid, &ppid, &threads, &oldThreads, &mmId, &kb[0], &kb[1], &kb[2], &kb[3], &kb[4],
+                                &kb[5], &kb[6], &kb[7])
+                       : sscanf(row, "%d %d %d %u %lld KB %lld KB %lld KB %lld KB", &pid, &ppid, &threads, &mmId,
+                                &kb[0], &kb[2], &kb[4], &kb[6]);
+    EXPECT_EQ(n, full ? 13 : 8) << line;
+    dump.threads[pid] = std::to_string(ppid) + " " + std::to_string(threads);
+    dump.rssKb[pid] = kb[0] + kb[2] + kb[4] + kb[6];
+  }
+  return dump;
+}
+
+TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThreadsOut) {
+  kelo_test::StartServiceLikeTheDaemon();
+  ASSERT_TRUE(NormalEventsFlow());
+  const std::map<int, std::string> before = PsThreads();
+  const std::optional<TaskDump> all = RequestTaskDump(51);
+  const std::map<int, std::string> after = PsThreads();
+  ASSERT_TRUE(all);
+  EXPECT_EQ(all->count, all->threads.size());
+  int compared = 0;
+  for (const auto& [pid, row] : before) {
+    auto later = after.find(pid);
+    // Alive before and after with the same parent and threads all along.
+    if (later == after.end() || later->second != row) continue;
+    ++compared;
+    auto dumped = all->threads.find(pid);
+    ASSERT_NE(dumped, all->threads.end()) << "pid " << pid << " missing";
+    EXPECT_EQ(dumped->second, row) << "pid " << pid << ": ppid and threads in the table, then by ps";
+  }
+  EXPECT_GT(compared, 10);
+
+  // Only processes that own memory: no kernel thread, the count of all.
+  const std::optional<TaskDump> user = RequestTaskDump(52);
+  ASSERT_TRUE(user);
+  EXPECT_GE(user->count, user->threads.size());
+  EXPECT_LT(user->threads.size(), all->threads.size());
+  EXPECT_EQ(user->threads.count(2), 0u);
+  for (const auto& [pid, row] : user->threads) {
+    EXPECT_FALSE(android::base::StartsWith(row, "2 ")) << "kernel thread " << pid;
+    EXPECT_GT(user->rssKb.at(pid), 0) << pid;
+  }
+  EXPECT_EQ(user->threads.count(getpid()), 1u);
+}
+
 TEST(E2eTasks, StateFileTotalsAgreeWithWhatASubscriberSinceBeforeReadinessReceived) {
   kelo_test::StartServiceLikeTheDaemon(false);
   Subscriber subscriber({0, 1, 2, 3, 4, 5, 6, 7});
