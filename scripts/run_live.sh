@@ -124,12 +124,12 @@ generate_activity() {
   done
 }
 
-# One process for the whole run: after 3 s it starts 12 threads and grows by
-# 8 MiB a second.
+# One process for the whole run: after 6 s (3 s after the start-up scan has
+# recorded it) it starts 12 threads, then grows by 8 MiB a second.
 start_workload() {
   python3 -c '
 import threading, time
-time.sleep(3.5)
+time.sleep(6)
 stop = threading.Event()
 for _ in range(12): threading.Thread(target=stop.wait, daemon=True).start()
 blocks = []
