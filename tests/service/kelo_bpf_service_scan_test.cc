@@ -236,18 +236,6 @@ TEST(ProcessScan, EveryProcessReachesSubscribersAndIsCountedTwiceKernelThreadsOw
   EXPECT_EQ((*totals)[1 + KELO_EVENT_TASK_INIT], 2 * static_cast<int64_t>(records.size()) + 1);
 }
 
-TEST(ProcessScan, StatusReReadOfAProcessThatIsGoneFailsAndLeavesTheCallersData) {
-  KeloBpfService* service = KeloBpfService::GetInstance(KeloBpfServiceConfig{});
-  UpdateProcessExdata data = {};
-  ASSERT_EQ(service->getProcessInfo(getpid(), &data), 0);
-  EXPECT_EQ(data.pid, getpid());
-  EXPECT_EQ(data.ppid, getppid());
-  UpdateProcessExdata untouched = {7, 8, "kept"};
-  EXPECT_EQ(service->getProcessInfo(100001, &untouched), -1);
-  EXPECT_EQ(untouched.ppid, 8);
-  EXPECT_STREQ(untouched.name, "kept");
-}
-
 }  // namespace
 }  // namespace Bpf
 }  // namespace Kelo

@@ -191,59 +191,6 @@ TEST_P(TaskDumpTest, FailedOpenIsLoggedAndWritesNothing) {
 INSTANTIATE_TEST_SUITE_P(EachRoutine, TaskDumpTest, ::testing::ValuesIn(VARIANTS),
                          [](const ::testing::TestParamInfo<Variant>& info) { return info.param.name; });
 
-// The layout pinned literally: the pid column of a short name starts where
-// the header's does, and 64-bit values keep their widths.
-TEST(TaskDumpFormatTest, RowsLineUpUnderTheHeaderAndCountMayExceedTheRows) {
-  KeloTask task{};
-  strcpy(task.comm, "ab");
-  task.pid = 7;
-  task.ppid = 2;
-  task.threadNum = 3;
-  task.oldThreadNum = 4;
-  task.mmId = 1000;
-  task.rssAnonSize = -1024;
-  task.rssAnonOldSize = -1023;
-  task.rssFileSize = 2048;
-  task.rssFileOldSize = 1023;
-  task.rssShmemSize = 5LL << 40;
-  task.rssSwapSize = 10240;
-  task.rssSwapOldSize = MIB;
-  task.initTimeStamp = 1700000000123;
-  KeloTask kernel{};
-  strcpy(kernel.comm, "kworker/0:0");
-  // Some RSS, though it adds up to nothing: listed, after the positive total.
-  KeloTask cancelled{};
-  strcpy(cancelled.comm, "cancelled");
-  cancelled.pid = 8;
-  cancelled.ppid = cancelled.threadNum = cancelled.oldThreadNum = 1;
-  cancelled.rssAnonSize = 4096;
-  cancelled.rssFileSize = -4096;
-
-  const std::string countLine = "============ DUMP ALL KELO TASKS INFO (count: 7, time: 1700000000) ============\n";
-  const std::string fullRow =
-      "ab                 7           2           3           4            1000                -1 KB                0 "
-      "KB                2 KB                0 KB       5368709120 KB                0 KB               10 KB       "
-      "      1024 KB       1700000000123\n";
-  const std::string shortRow =
-      "ab                 7           2           3           1000                -1 KB                2 KB       "
-      "5368709120 KB               10 KB       1700000000123\n";
-  const std::string cancelledFullRow =
-      "cancelled          8           1           1           1            0                    4 KB                0 "
-      "KB               -4 KB                0 KB                0 KB                0 KB                0 KB       "
-      "         0 KB                   0\n";
-  const std::string cancelledShortRow =
-      "cancelled          8           1           1           0                    4 KB               -4 KB       "
-      "         0 KB                0 KB                   0\n";
-  EXPECT_EQ(FormatKeloTaskDump({cancelled, kernel, task}, 7, 1700000000, KeloTaskDumpRows::WITH_RSS,
-                               KeloTaskDumpColumns::FULL),
-            countLine + FULL_HEADER + fullRow + cancelledFullRow);
-  EXPECT_EQ(FormatKeloTaskDump({task, kernel, cancelled}, 7, 1700000000, KeloTaskDumpRows::WITH_RSS,
-                               KeloTaskDumpColumns::SHORT),
-            countLine + SHORT_HEADER + shortRow + cancelledShortRow);
-  EXPECT_EQ(std::string(FULL_HEADER).find("pid"), 19u);
-  EXPECT_EQ(fullRow.find('7'), 19u);
-}
-
 }  // namespace
 }  // namespace Bpf
 }  // namespace Kelo
