@@ -12,6 +12,7 @@
 #include "service/kelo_bpf_service.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 
 namespace Kelo {
@@ -119,6 +120,9 @@ TEST_F(ClientTest, AReadingClientLosesNothingOfABurstBeyondTheQueueBoundWhileASt
 // skipped.
 TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
+  // The endpoint's loop may still be in the write round of that response,
+  // which takes whatever was queued meanwhile.
+  ASSERT_TRUE(kelo_test::WaitUntil([] { return kelo_test::ThreadIdleInEpoll(KeloBpfService::IPC_THREAD_NAME); }));
   std::thread([this] {
     DeferredWakeups wakeups;
     const std::string first = Publish(4, "held");

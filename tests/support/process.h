@@ -42,4 +42,18 @@ inline std::string ThreadStatus(const std::string& name) {
 
 inline bool HasThread(const std::string& name) { return !ThreadStatus(name).empty(); }
 
+// True once this process's thread called name sleeps in epoll_wait (its
+// kernel wait channel, do_epoll_wait), i.e. has finished what it was doing.
+inline bool ThreadIdleInEpoll(const std::string& name) {
+  std::unique_ptr<DIR, int (*)(DIR*)> tasks(opendir("/proc/self/task"), closedir);
+  while (dirent* entry = readdir(tasks.get())) {
+    const std::string task = std::string("/proc/self/task/") + entry->d_name;
+    std::string comm, wchan;
+    if (android::base::ReadFileToString(task + "/comm", &comm) && comm == name + "\n") {
+      return android::base::ReadFileToString(task + "/wchan", &wchan) && wchan.find("epoll_wait") != std::string::npos;
+    }
+  }
+  return false;
+}
+
 }  // namespace kelo_test
