@@ -31,30 +31,30 @@ using android::base::WriteStringToFile;
 using kelo_test::Bytes;
 using Entries = std::map<std::string, std::string>;  // key bytes -> value bytes
 
-struct MapSpec {
+struct MapShape {
   const char* path;
   const char* name;  // as the service's error line names it
   uint32_t keySize, valueSize;
 };
-const MapSpec DMABUF_MAPS[] = {
+const MapShape DMABUF_MAPS[] = {
     {KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "dmabuf_allocate_map"), "dmabufAllocateMap", 8, 16},
     {KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "dmabuf_size_map"), "dmabufSizeMap", 4, 16},
     {KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "dmabuf_perprocess_size_map"), "dmabufPerprocessSizeMap", 4, 16},
     {KeloBpfService::DMABUF_BPF_PROCESS_INODE_MAP_PATH, "processInodeMap", sizeof(dmabuf_process_inode_key), 4},
     {KeloBpfService::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH, "processMmapInfos", sizeof(dmabuf_process_mmap_key), 8},
 };
-const MapSpec OPEN_FD_MAP = {KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "open_fd_caller_map"), "", 4, 48};
+const MapShape OPEN_FD_MAP = {KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "open_fd_caller_map"), "", 4, 48};
 
-void CreateMap(const MapSpec& spec) {
+void CreateMap(const MapShape& shape) {
   ASSERT_TRUE(kelo_test::MakeDirs(KELO_BPF_FS_DIR));
-  android::base::unique_fd fd(bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, spec.keySize, spec.valueSize, 64, nullptr));
-  ASSERT_EQ(bpf_obj_pin(fd.get(), spec.path), 0) << spec.path;
+  android::base::unique_fd fd(bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, shape.keySize, shape.valueSize, 64, nullptr));
+  ASSERT_EQ(bpf_obj_pin(fd.get(), shape.path), 0) << shape.path;
 }
 
-Entries Read(const MapSpec& spec) {
+Entries Read(const MapShape& shape) {
   Entries out;
-  android::base::unique_fd fd(bpf_obj_get(spec.path));
-  std::string key(spec.keySize, '\0'), next = key, value(spec.valueSize, '\0');
+  android::base::unique_fd fd(bpf_obj_get(shape.path));
+  std::string key(shape.keySize, '\0'), next = key, value(shape.valueSize, '\0');
   for (void* prev = nullptr; bpf_map_get_next_key(fd.get(), prev, next.data()) == 0; prev = key.data()) {
     EXPECT_EQ(bpf_map_lookup_elem(fd.get(), next.data(), value.data()), 0);
     out[key = next] = value;
@@ -116,7 +116,7 @@ class SeedTest : public ::testing::Test {
 };
 
 TEST_F(SeedTest, DmabufScanCountsBuffersOncePerProcessAndGivesSharedOnesToTheLastProcessSeen) {
-  for (const MapSpec& spec : DMABUF_MAPS) CreateMap(spec);
+  for (const MapShape& shape : DMABUF_MAPS) CreateMap(shape);
   Process("100");
   for (const char* fd : {"3", "4", "5"}) Fd("100", fd, "/dmabuf:", Fdinfo("4096", "1111"));
   Fd("100", "6", "/dev/null", Fdinfo("1", "9999"));
@@ -168,17 +168,17 @@ TEST_F(SeedTest, MissingMapAbortsBeforeTheScanAndWritesNothing) {
   Fd("100", "3", "/dmabuf:", Fdinfo("4096", "1111"));
   Fd("100", "4", "/dmabuf:");  // reported if the scan ran
   MountOverProc();
-  for (const MapSpec& missing : DMABUF_MAPS) {
-    for (const MapSpec& spec : DMABUF_MAPS) {
-      unlink(spec.path);
-      if (&spec != &missing) CreateMap(spec);
+  for (const MapShape& missing : DMABUF_MAPS) {
+    for (const MapShape& shape : DMABUF_MAPS) {
+      unlink(shape.path);
+      if (&shape != &missing) CreateMap(shape);
     }
     EXPECT_EQ(service->initDmabufBpfProg(), -1);
     EXPECT_EQ(
         Logged(log, 'E',
                std::string("[KeloBpfService][INIT] get ") + missing.name + "(-1) failed! No such file or directory"),
         1);
-    for (const MapSpec& spec : DMABUF_MAPS) EXPECT_TRUE(&spec == &missing || Read(spec).empty()) << spec.path;
+    for (const MapShape& shape : DMABUF_MAPS) EXPECT_TRUE(&shape == &missing || Read(shape).empty()) << shape.path;
   }
   EXPECT_FALSE(log.contains("Unable to open"));
 }
