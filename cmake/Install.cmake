@@ -16,9 +16,7 @@ file(RELATIVE_PATH KELO_BIN_TO_LIB ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_
 set_target_properties(kelobpfd kelobpf-client kelo_bpf_loader_tool PROPERTIES
   INSTALL_RPATH "$ORIGIN/${KELO_BIN_TO_LIB};${KELO_ANDROID_LIBDIR}")
 
-install(TARGETS kelobpf EXPORT kelobpfTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS kelobpf EXPORT kelobpfTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 # Public headers: each depends on the C++ standard library (and the kernel's
 # linux/types.h) only, so they compile as <kelobpf/...> from the install tree.
