@@ -2,8 +2,7 @@
 // task handlers on a recorded mix of raw task records, and the table's
 // memory per task.
 //
-//   build/test-plain/bench/kelo_bpf_task_bench --benchmark_repetitions=5 \
-//     --benchmark_report_aggregates_only=true
+//   build/test-plain/bench/kelo_bpf_task_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 //
 // The scan benchmark starts 2000 extra sleeping processes first, so that the
 // walk covers this machine's processes plus those.

@@ -94,14 +94,14 @@ enum kelo_ringbuf_status_flag {
 /* ------------------------------------------------------------------------ */
 
 enum kelo_event_type {
-  KELO_EVENT_TASK_INIT = 0,      /* "kelo_task_init" */
-  KELO_EVENT_RSS_STAT = 1,       /* "kmem_rss_info" */
-  KELO_EVENT_TASK_CREATE = 2,    /* "sched_task_create" */
-  KELO_EVENT_TASK_EXIT = 3,      /* "sched_task_exit" */
-  KELO_EVENT_DMABUF_SIZE = 4,    /* "dmabuf_size_info" */
-  KELO_EVENT_CGROUP_ATTACH = 5,  /* "cgroup_attach_cpuset_info" */
-  KELO_EVENT_FD_UPDATE = 6,      /* "fd_update_info" */
-  KELO_EVENT_DMABUF_UPDATE = 7,  /* "dmabuf_update" */
+  KELO_EVENT_TASK_INIT = 0,     /* "kelo_task_init" */
+  KELO_EVENT_RSS_STAT = 1,      /* "kmem_rss_info" */
+  KELO_EVENT_TASK_CREATE = 2,   /* "sched_task_create" */
+  KELO_EVENT_TASK_EXIT = 3,     /* "sched_task_exit" */
+  KELO_EVENT_DMABUF_SIZE = 4,   /* "dmabuf_size_info" */
+  KELO_EVENT_CGROUP_ATTACH = 5, /* "cgroup_attach_cpuset_info" */
+  KELO_EVENT_FD_UPDATE = 6,     /* "fd_update_info" */
+  KELO_EVENT_DMABUF_UPDATE = 7, /* "dmabuf_update" */
   KELO_EVENT_TYPE_MAX = 7,
   /* Not an event: the counter index under which polls are counted. */
   KELO_EVENT_POLL_COUNT = 8

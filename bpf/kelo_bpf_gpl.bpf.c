@@ -181,16 +181,14 @@ static __always_inline __u64 buffer_inode(struct dma_buf *dmabuf)
   return BPF_CORE_READ(dmabuf, file, f_inode, i_ino);
 }
 
-static int drop_process_reference(void *map, struct dmabuf_process_inode_key *key, __s32 *count,
-                                  __s32 *pid)
+static int drop_process_reference(void *map, struct dmabuf_process_inode_key *key, __s32 *count, __s32 *pid)
 {
   if (key->pid == *pid)
     bpf_map_delete_elem(map, key);
   return 0;
 }
 
-static int drop_process_mapping(void *map, struct dmabuf_process_mmap_key *key, __u64 *inode,
-                                __s32 *pid)
+static int drop_process_mapping(void *map, struct dmabuf_process_mmap_key *key, __u64 *inode, __s32 *pid)
 {
   if (key->pid == *pid)
     bpf_map_delete_elem(map, key);

@@ -84,8 +84,7 @@ static __always_inline void *kelo_reserve(__u32 type, __u64 size)
   return header;
 }
 
-#define KELO_RESERVE(type, record_struct) \
-  ((struct record_struct *)kelo_reserve((type), sizeof(struct record_struct)))
+#define KELO_RESERVE(type, record_struct) ((struct record_struct *)kelo_reserve((type), sizeof(struct record_struct)))
 
 static __always_inline __u32 kelo_current_tgid(void)
 {

@@ -59,8 +59,8 @@ bool AttachPinnedFileFailed(const std::string& dir, const std::string& fileName)
   if (pieces.size() < PINNED_NAME_MIN_PIECES) return false;
   const std::string& defineset = pieces[PINNED_NAME_DEFINESET];
   const std::string& kind = pieces[PINNED_NAME_KIND];
-  const std::string progName = android::base::Join(
-      std::vector<std::string>(pieces.begin() + PINNED_NAME_PROG_FIRST, pieces.end()), "_");
+  const std::string progName =
+      android::base::Join(std::vector<std::string>(pieces.begin() + PINNED_NAME_PROG_FIRST, pieces.end()), "_");
   KELO_LOGI(LOG_TAG_UTILS, "Attach bpf prog (%s, type: %s) to %s", fileName.c_str(), kind.c_str(), progName.c_str());
   // EEXIST: the program is attached already, which is what was asked for.
   if (kind == ATTACH_KIND_WORD_KPROBE) {

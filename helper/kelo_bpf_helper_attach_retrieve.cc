@@ -48,12 +48,11 @@ int ObjGetReadOnly(const std::string& path) {
 }  // namespace
 
 bool IsBpfProg(std::string& name) {
-  return name.size() >= sizeof(BPF_PROG_PREFIX) - 1 && name.compare(0, sizeof(BPF_PROG_PREFIX) - 1, BPF_PROG_PREFIX) == 0;
+  return name.size() >= sizeof(BPF_PROG_PREFIX) - 1 &&
+         name.compare(0, sizeof(BPF_PROG_PREFIX) - 1, BPF_PROG_PREFIX) == 0;
 }
 
-int RetrieveProgramFd(const std::string& dir, const std::string& name) {
-  return ObjGetReadOnly(dir + "/" + name);
-}
+int RetrieveProgramFd(const std::string& dir, const std::string& name) { return ObjGetReadOnly(dir + "/" + name); }
 
 int RetrieveProgramFd(const std::string& dir, const std::string& defineset, const std::string& kind,
                       const std::string& progName) {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian package needed to build, test, benchmark and run the
-# service. Idempotent: when everything is present it installs nothing and
-# does not touch the network.
+# service, and to check its format (clang-format) and its systemd unit
+# (systemd-analyze, from systemd). Idempotent: when everything is present it
+# installs nothing and does not touch the network.
 set -euo pipefail
 
 PACKAGES=(
@@ -11,6 +12,7 @@ PACKAGES=(
   libbpf-dev libbpfcc-dev bpftool libelf-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   util-linux iproute2 procps python3
+  clang-format systemd
 )
 
 missing=()

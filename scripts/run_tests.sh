@@ -1,33 +1,28 @@
 #!/usr/bin/env bash
-# Builds and runs every test suite three times: a plain clang build (with the
-# thread-safety analysis), AddressSanitizer+UBSan, and ThreadSanitizer.
-# Usage: scripts/run_tests.sh [plain|address|thread ...]   (default: all three)
+# Builds and runs every test suite in the builds of CMakePresets.json: a plain
+# clang build (with the thread-safety analysis and the benchmarks),
+# AddressSanitizer+UBSan (with the fuzz target's seed replay),
+# ThreadSanitizer, and gcc (the machine's default compiler, with the
+# benchmarks), each in build/test-<variant>.
+# Usage: scripts/run_tests.sh [plain|address|thread|gcc ...]   (default: all four)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash scripts/install_deps.sh
 
 variants=("$@")
-[ "${#variants[@]}" -eq 0 ] && variants=(plain address thread)
-jobs=$(nproc)
+[ "${#variants[@]}" -eq 0 ] && variants=(plain address thread gcc)
+jobs=${KELO_JOBS:-$(nproc)}
 
 for v in "${variants[@]}"; do
   case "$v" in
-    plain) san="" ;;
-    address|thread) san="$v" ;;
+    plain|address|thread|gcc) ;;
     *) echo "unknown variant $v" >&2; exit 2 ;;
   esac
-  dir="build/test-$v"
-  echo "=== $v: configure and build in $dir"
-  cmake -S . -B "$dir" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELO_SANITIZER="$san" \
-    -DKELO_BUILD_BENCH="$([ "$v" = plain ] && echo ON || echo OFF)" \
-    -DKELO_BUILD_FUZZ="$([ "$v" = address ] && echo ON || echo OFF)" >/dev/null
-  cmake --build "$dir" -j"$jobs"
+  echo "=== $v: configure and build in build/test-$v"
+  cmake --preset "$v" >/dev/null
+  cmake --build --preset "$v" -j"$jobs"
   echo "=== $v: run tests"
-  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
-  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error
+  ctest --preset "$v" -j"$jobs"
 done
 echo "=== all test variants passed: ${variants[*]}"

@@ -49,6 +49,7 @@
 #include "bpf/kelo_bpf_events.h"
 #include "helper/kelo_bpf_attach_tables.h"
 #include "service/kelo_bpf_event_manager.h"
+#include "service/kelo_bpf_protocol.h"
 #include "utils/kelo_bpf_ipc_package.h"
 #include "utils/kelo_bpf_ipc_package_handler.h"
 #include "utils/kelo_bpf_ipc_package_manager.h"
@@ -70,13 +71,17 @@ void HandleNonKernelDumpSignal(int signal);
 void HandleDumpSignalNormal(int signal);
 void HandleNonKernelDumpSignalNormal(int signal);
 
-// Client protocol: request codes carried in a request's reqType. Any other
-// code is answered with result -1 and changes nothing.
-inline constexpr uint32_t REQ_ADD_OBSERVER_EVENT = 51;
-inline constexpr uint32_t REQ_DEL_OBSERVER_EVENT = 52;
-
-// The clients' socket (a name in the abstract namespace).
-inline constexpr char KELO_BPF_CLIENT_SOCKET_NAME[] = "/mnt/bpfframework/kelobpfdispatcher";
+// The client protocol's constants (request codes, socket name, package types
+// and frame sizes) are in service/kelo_bpf_protocol.h; the IPC framework must
+// agree with them.
+static_assert(IPC_PACKAGE_TYPE_REQUEST == KELO_BPF_PACKAGE_TYPE_REQUEST &&
+                  IPC_PACKAGE_TYPE_RESPONSE == KELO_BPF_PACKAGE_TYPE_RESPONSE &&
+                  IPC_PACKAGE_TYPE_EVENT == KELO_BPF_PACKAGE_TYPE_EVENT,
+              "package types of the client protocol");
+static_assert(IPC_FRAME_HEADER_SIZE == KELO_BPF_FRAME_LENGTH_SIZE &&
+                  sizeof(KeloIpcSecondLevelPackageHeader) == KELO_BPF_PACKAGE_HEADER_SIZE &&
+                  sizeof(KeloReqIpcPackageHeader) == KELO_BPF_REQUEST_HEADER_SIZE,
+              "frame layout of the client protocol");
 
 // Where the service finds its clients and the pinned kernel side. The
 // defaults are the platform's; other values serve tests.
@@ -153,7 +158,7 @@ class KeloBpfService {
 
   // The client endpoint: per-connection buffer bytes, epoll size hint and
   // events taken per wait.
-  static constexpr int IPC_BUFFER_SIZE = 32768;
+  static constexpr int IPC_BUFFER_SIZE = KELO_BPF_MAX_FRAME_SIZE;
   static constexpr int IPC_EPOLL_SIZE = 10;
   static constexpr int IPC_MAX_EVENTS = 32;
 

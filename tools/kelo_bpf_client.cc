@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "bpf/kelo_bpf_events.h"
-#include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_protocol.h"
 #include "tools/kelo_bpf_client_format.h"
 #include "tools/kelo_bpf_client_lib.h"
 #include "tools/kelo_bpf_tool_args.h"
@@ -51,8 +51,7 @@ using Kelo::Bpf::Mutex;
 using Kelo::Bpf::MutexLock;
 using Kelo::Bpf::ParseSeconds;
 
-constexpr char USAGE[] =
-    "usage: kelobpf-client [--type N]... [--count N] [--duration SECONDS] [--socket NAME]\n";
+constexpr char USAGE[] = "usage: kelobpf-client [--type N]... [--count N] [--duration SECONDS] [--socket NAME]\n";
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;

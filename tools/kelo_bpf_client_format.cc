@@ -118,23 +118,22 @@ bool FormatKnown(uint32_t type, const char* bytes, size_t size, std::string* lin
     case KELO_EVENT_TASK_CREATE: {
       kelo_task_create_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d ppid=%d uid=%u comm=%s kind=%s", name, Ts(e.header), e.pid,
-                           e.ppid, e.uid, Comm(e.comm).c_str(), Kind(e.kind).c_str());
+      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d ppid=%d uid=%u comm=%s kind=%s", name, Ts(e.header), e.pid, e.ppid,
+                           e.uid, Comm(e.comm).c_str(), Kind(e.kind).c_str());
       return true;
     }
     case KELO_EVENT_TASK_EXIT: {
       kelo_task_exit_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d comm=%s kind=%s", name, Ts(e.header), e.pid,
-                           Comm(e.comm).c_str(), Kind(e.kind).c_str());
+      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d comm=%s kind=%s", name, Ts(e.header), e.pid, Comm(e.comm).c_str(),
+                           Kind(e.kind).c_str());
       return true;
     }
     case KELO_EVENT_DMABUF_SIZE: {
       kelo_dmabuf_size_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d allocated=%" PRId64 " referenced=%" PRId64, name,
-                           Ts(e.header), e.pid, static_cast<int64_t>(e.allocated_size),
-                           static_cast<int64_t>(e.referenced_size));
+      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d allocated=%" PRId64 " referenced=%" PRId64, name, Ts(e.header),
+                           e.pid, static_cast<int64_t>(e.allocated_size), static_cast<int64_t>(e.referenced_size));
       return true;
     }
     case KELO_EVENT_CGROUP_ATTACH: {
@@ -148,15 +147,15 @@ bool FormatKnown(uint32_t type, const char* bytes, size_t size, std::string* lin
     case KELO_EVENT_FD_UPDATE: {
       kelo_fd_update_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d fd=%d open_count=%" PRIu64 " comm=%s", name, Ts(e.header),
-                           e.pid, e.fd, static_cast<uint64_t>(e.open_count), Comm(e.comm).c_str());
+      *line = StringPrintf("%s ts=%" PRIu64 " pid=%d fd=%d open_count=%" PRIu64 " comm=%s", name, Ts(e.header), e.pid,
+                           e.fd, static_cast<uint64_t>(e.open_count), Comm(e.comm).c_str());
       return true;
     }
     case KELO_EVENT_DMABUF_UPDATE: {
       kelo_dmabuf_update_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      *line = StringPrintf("%s ts=%" PRIu64 " op=%s pid=%d inode=%" PRIu64 " size=%" PRId64 " owner=%d comm=%s",
-                           name, Ts(e.header), DmabufOp(e.op).c_str(), e.pid, static_cast<uint64_t>(e.inode),
+      *line = StringPrintf("%s ts=%" PRIu64 " op=%s pid=%d inode=%" PRIu64 " size=%" PRId64 " owner=%d comm=%s", name,
+                           Ts(e.header), DmabufOp(e.op).c_str(), e.pid, static_cast<uint64_t>(e.inode),
                            static_cast<int64_t>(e.size), e.owner_pid, Comm(e.comm).c_str());
       return true;
     }
@@ -187,8 +186,8 @@ bool FormatKnown(uint32_t type, const char* bytes, size_t size, std::string* lin
       __s64 rssOld[KELO_RSS_MEMBERS];
       memcpy(rss, e.rss, sizeof(rss));
       memcpy(rssOld, e.rss_old, sizeof(rssOld));
-      *line = StringPrintf("%s pid=%d ppid=%d uid=%u comm=%s %s %s", name, e.pid, e.ppid, e.uid,
-                           Comm(e.comm).c_str(), RssFigures("", rss).c_str(), RssFigures("old_", rssOld).c_str());
+      *line = StringPrintf("%s pid=%d ppid=%d uid=%u comm=%s %s %s", name, e.pid, e.ppid, e.uid, Comm(e.comm).c_str(),
+                           RssFigures("", rss).c_str(), RssFigures("old_", rssOld).c_str());
       return true;
     }
     default:

@@ -11,6 +11,11 @@
 //
 // Callbacks run on the endpoint's worker thread, one at a time, and must not
 // call back into the subscriber.
+//
+// Installed as <kelobpf/kelo_bpf_client_lib.h> with libkelobpf.so; it depends
+// on the C++ standard library only. The protocol's constants (socket name,
+// request codes) are in <kelobpf/kelo_bpf_protocol.h>, the record layouts in
+// <kelobpf/kelo_bpf_events.h>.
 #pragma once
 
 #include <cstdint>
@@ -18,11 +23,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "utils/kelo_bpf_ipc_package.h"
-#include "utils/kelo_bpf_ipc_package_handler.h"
-#include "utils/kelo_bpf_ipc_package_manager.h"
-#include "utils/kelo_bpf_ipc_unix_manager.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -54,27 +54,9 @@ class KeloBpfClient {
   void stop();
 
  private:
-  int onConnection(int fd);
-  int onClose(int fd);
-  int onReadable(int fd, BufferState* readBuffer);
-  int onWriteable(int fd, BufferState* writeBuffer);
-  int onResponsePackage(char* payload, uint32_t size);
-  int onEventPackage(char* payload, uint32_t size);
-
-  const std::vector<int> types;
-  const KeloBpfClientCallbacks callbacks;
-  // Request ids and the response callbacks of the subscriptions in flight.
-  IpcReqCallBackManager requests;
-  // The rest is touched only on the endpoint's worker thread.
-  IpcPackageHandler packageHandler;
-  // Outgoing requests of the current connection; a new connection starts
-  // with a new queue.
-  std::unique_ptr<IpcPackageManager> outgoing;
-  // Request ids sent on the current connection, forgotten when it is lost.
-  std::vector<uint32_t> sentReqIds;
-  // Last member: destroyed first, so the worker is joined before anything
-  // its callbacks use goes away.
-  std::unique_ptr<UnixIpcManager> ipcManager;
+  // The endpoint, its queues and handlers (kelo_bpf_client_lib.cc).
+  class Impl;
+  std::unique_ptr<Impl> impl;
 };
 
 }  // namespace Bpf

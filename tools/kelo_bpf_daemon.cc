@@ -2,6 +2,8 @@
 // platform's daemon (and, with --load, for the platform's BPF loader).
 //
 //   kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]
+//            [--pidfile PATH]
+//   kelobpfd --version | --help
 //
 // 1. Properties. There is no property service here: properties live in this
 //    process, so the daemon sets those the service reads. "ro.kernel.version"
@@ -12,11 +14,16 @@
 //    readiness included when it is due at once (see 5).
 // 2. The service's directory /data/kelolog/stability/kelobpfframework is
 //    created with its parents (a device has the parents already).
-// 3. --load: the kernel program sets (from OBJDIR; default: the build tree's
-//    objects, else the installed ones) are loaded and pinned under
+// 3. --load: the kernel program sets (from OBJDIR; default: see
+//    DefaultBpfObjectDir, the install tree's share/kelobpf beside an installed
+//    daemon, else the build tree's objects) are loaded and pinned under
 //    /sys/fs/bpf/kelo. A program the kernel refuses is logged and left out; a
 //    whole set or pin that fails ends the daemon.
 // 4. BpfServiceMain() is called once. A disabled service ends the daemon.
+//    --pidfile: once the service has started, PATH is replaced by a file
+//    holding the daemon's pid and a newline; a pid file that cannot be
+//    written stops the service and ends the daemon. It is removed when the
+//    daemon ends (if it still holds this daemon's pid).
 // 5. After --ready-delay seconds (default 0) "sys.kelo_bpf_ready" is set to
 //    "1", unless --no-ready: only then does the service attach and poll.
 //    With a delay it is set to "0" at first and rewritten in place later,
@@ -33,12 +40,15 @@
 // shutdown of their own and must not see static objects destroyed under them.
 //
 // Signals 50 (state file) and 51 to 54 (task dumps) are the service's once
-// its producers run; before that they would end the daemon.
+// its producers run; until then the daemon ignores them.
+//
+// --version prints "kelobpfd <version>", --help the usage; both exit 0.
 //
 // Exit status: 0 after a clean exit, after a stop that came before the
 // service was made ready (nothing was attached), or when the service is
-// disabled; 1 when setting up failed or the producers did not end within
-// STOP_GRACE; 2 for bad usage.
+// disabled; 1 when setting up failed (the pid file included) or the
+// producers did not end within STOP_GRACE; 2 for bad usage.
+#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <getopt.h>
 #include <signal.h>
@@ -61,6 +71,7 @@
 #include "tools/kelo_bpf_daemon_log.h"
 #include "tools/kelo_bpf_daemon_stop.h"
 #include "tools/kelo_bpf_loader_lib.h"
+#include "tools/kelo_bpf_object_dir.h"
 #include "tools/kelo_bpf_tool_args.h"
 #include "utils/kelo_bpf_error_log.h"
 
@@ -69,7 +80,10 @@ namespace {
 using namespace Kelo::Bpf;
 
 constexpr char USAGE[] =
-    "usage: kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]\n";
+    "usage: kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]\n"
+    "                [--pidfile PATH]\n"
+    "       kelobpfd --version | --help\n";
+constexpr char VERSION_TEXT[] = "kelobpfd " KELO_VERSION "\n";
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
@@ -79,6 +93,9 @@ constexpr char READY_VALUE[] = "1";
 constexpr char NOT_READY_VALUE[] = "0";
 // How long the producers get to leave their loops after a stop signal.
 constexpr std::chrono::milliseconds STOP_GRACE{10000};
+// The service's dump signals (state file, task dumps).
+constexpr int FIRST_DUMP_SIGNAL = 50;
+constexpr int LAST_DUMP_SIGNAL = 54;
 
 struct Options {
   std::vector<std::pair<std::string, std::string>> properties;
@@ -86,21 +103,24 @@ struct Options {
   std::string objectDir;
   double readyDelay = 0;
   bool ready = true;
+  std::string pidFile;
 };
 
-std::string DefaultObjectDir() {
-  struct stat st;
-  if (stat(KELO_BPF_OBJ_DIR "/kelo_bpf_normal.bpf.o", &st) == 0) return KELO_BPF_OBJ_DIR;
-  return KELO_BPF_INSTALL_DIR;
-}
+// The pid file this daemon wrote, removed on the way out; main thread only.
+std::string writtenPidFile;
 
 bool ParseOptions(int argc, char** argv, Options* options) {
   static const option LONG_OPTIONS[] = {
-      {"prop", required_argument, nullptr, 'p'},        {"load", optional_argument, nullptr, 'l'},
-      {"ready-delay", required_argument, nullptr, 'r'}, {"no-ready", no_argument, nullptr, 'n'},
-      {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
+      {"prop", required_argument, nullptr, 'p'},
+      {"load", optional_argument, nullptr, 'l'},
+      {"ready-delay", required_argument, nullptr, 'r'},
+      {"no-ready", no_argument, nullptr, 'n'},
+      {"pidfile", required_argument, nullptr, 'P'},
+      {"version", no_argument, nullptr, 'V'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
   };
-  options->objectDir = DefaultObjectDir();
+  options->objectDir = DefaultBpfObjectDir();
   int opt;
   while ((opt = getopt_long(argc, argv, "p:r:h", LONG_OPTIONS, nullptr)) != -1) {
     switch (opt) {
@@ -121,6 +141,13 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       case 'n':
         options->ready = false;
         break;
+      case 'P':
+        if (*optarg == '\0') return false;
+        options->pidFile = optarg;
+        break;
+      case 'V':
+        std::fputs(VERSION_TEXT, stdout);
+        exit(EXIT_OK);
       case 'h':
         std::fputs(USAGE, stdout);
         exit(EXIT_OK);
@@ -200,6 +227,53 @@ bool LoadKernelSide(const std::string& objectDir) {
   return report.errors.empty();
 }
 
+// Replaces `path` by a file holding this process's pid and a newline (written
+// beside it and renamed into place, so a reader never sees it half written);
+// false (logged) when that failed.
+bool WritePidFile(const std::string& path) {
+  const std::string temporary = path + ".tmp";
+  const std::string text = std::to_string(getpid()) + "\n";
+  if (!android::base::WriteStringToFile(text, temporary) || rename(temporary.c_str(), path.c_str()) != 0) {
+    KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot write pid file %s: %s", path.c_str(), strerror(errno));
+    unlink(temporary.c_str());
+    return false;
+  }
+  writtenPidFile = path;
+  KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Pid file %s", path.c_str());
+  return true;
+}
+
+// Removes the pid file written by WritePidFile, unless another process has
+// put its own pid there since.
+void RemovePidFile() {
+  if (writtenPidFile.empty()) return;
+  std::string text;
+  if (android::base::ReadFileToString(writtenPidFile, &text) && text == std::to_string(getpid()) + "\n") {
+    unlink(writtenPidFile.c_str());
+  }
+  writtenPidFile.clear();
+}
+
+// Stops a started service: a service never made ready is only stopped (its
+// producers sleep in their readiness wait, nothing was attached and there is
+// nothing to join); a ready one is stopped and its producers joined.
+// EXIT_OK, or EXIT_FAILED when they did not end within STOP_GRACE.
+int StopService() {
+  // Read back, as the service reads it: --prop may have set it too.
+  if (android::base::GetProperty(KeloBpfService::KELO_BPF_READY, NOT_READY_VALUE) == NOT_READY_VALUE) {
+    KeloBpfService::GetInstance()->stop();
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped before it was made ready");
+    return EXIT_OK;
+  }
+  if (StopServiceAndJoin(STOP_GRACE)) {
+    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped, producers joined");
+    return EXIT_OK;
+  }
+  KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Producers did not end within %lld ms",
+            static_cast<long long>(STOP_GRACE.count()));
+  return EXIT_FAILED;
+}
+
 // Waits for SIGINT or SIGTERM (blocked in every thread) for at most
 // `seconds`, forever when negative; true when one arrived.
 bool WaitForStopSignal(const sigset_t& stopSignals, double seconds) {
@@ -236,6 +310,10 @@ int Run(const Options& options, const sigset_t& stopSignals) {
     KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service disabled; nothing to host");
     return EXIT_OK;
   }
+  if (!options.pidFile.empty() && !WritePidFile(options.pidFile)) {
+    StopService();
+    return EXIT_FAILED;
+  }
 
   bool declaredReady = ReadyAtStart(options);
   bool stopRequested = false;
@@ -248,22 +326,7 @@ int Run(const Options& options, const sigset_t& stopSignals) {
   }
   if (declaredReady) KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Ready");
   if (!stopRequested) WaitForStopSignal(stopSignals, -1);
-
-  // Read back, as the service reads it: --prop may have set it too.
-  if (android::base::GetProperty(KeloBpfService::KELO_BPF_READY, NOT_READY_VALUE) == NOT_READY_VALUE) {
-    // The producers sleep in their readiness wait: nothing was attached and
-    // there is nothing to join.
-    KeloBpfService::GetInstance()->stop();
-    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped before it was made ready");
-    return EXIT_OK;
-  }
-  if (StopServiceAndJoin(STOP_GRACE)) {
-    KELO_LOGI(LOG_TAG_DAEMON, "[kelobpfd] Service stopped, producers joined");
-    return EXIT_OK;
-  }
-  KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Producers did not end within %lld ms",
-            static_cast<long long>(STOP_GRACE.count()));
-  return EXIT_FAILED;
+  return StopService();
 }
 
 }  // namespace
@@ -285,12 +348,16 @@ int main(int argc, char** argv) {
   // A client that goes away while the service writes to it must cost only
   // that connection (send then fails with EPIPE).
   signal(SIGPIPE, SIG_IGN);
+  // A dump request that comes before the service's pumps take these signals
+  // (their default action ends the process) is dropped instead.
+  for (int dumpSignal = FIRST_DUMP_SIGNAL; dumpSignal <= LAST_DUMP_SIGNAL; ++dumpSignal) signal(dumpSignal, SIG_IGN);
   if (!InstallWakeHandler()) {
     KELO_LOGE(LOG_TAG_DAEMON, "[kelobpfd] Cannot install the wake handler: %s", strerror(errno));
     return EXIT_FAILED;
   }
 
   const int status = Run(options, stopSignals);
+  RemovePidFile();
   fflush(nullptr);
   _exit(status);
 }

@@ -5,35 +5,28 @@
 //   kelo_bpf_loader [--dir DIR] [--obj-dir DIR]
 //
 // --dir      where to pin (default /sys/fs/bpf/kelo; created when missing)
-// --obj-dir  where the .bpf.o files are (default: the build tree, else the
-//            installed copy)
+// --obj-dir  where the .bpf.o files are (default: <bindir>/../share/kelobpf
+//            of an installed tool, else the build tree, else the configured
+//            install directory)
 // Exit status 0 when everything was pinned, 1 when anything was left out.
 #include <getopt.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <string>
 
 #include "bpf/kelo_bpf_events.h"
 #include "tools/kelo_bpf_loader_lib.h"
+#include "tools/kelo_bpf_object_dir.h"
 
 namespace {
 
 constexpr char kUsage[] = "usage: kelo_bpf_loader [--dir DIR] [--obj-dir DIR]\n";
 
-std::string DefaultObjectDir() {
-  struct stat st;
-  if (stat(KELO_BPF_OBJ_DIR "/kelo_bpf_normal.bpf.o", &st) == 0) {
-    return KELO_BPF_OBJ_DIR;
-  }
-  return KELO_BPF_INSTALL_DIR;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string dir = KELO_BPF_FS_DIR;
-  std::string objectDir = DefaultObjectDir();
+  std::string objectDir = Kelo::Bpf::DefaultBpfObjectDir();
   static const option kOptions[] = {
       {"dir", required_argument, nullptr, 'd'},
       {"obj-dir", required_argument, nullptr, 'o'},

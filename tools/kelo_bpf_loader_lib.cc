@@ -57,9 +57,7 @@ int PrintLibbpf(enum libbpf_print_level level, const char* format, va_list args)
   return 0;
 }
 
-std::string ErrorText(int err) {
-  return std::strerror(err < 0 ? -err : err);
-}
+std::string ErrorText(int err) { return std::strerror(err < 0 ? -err : err); }
 
 bool MakeDirs(const std::string& dir) {
   std::string path;
@@ -95,9 +93,7 @@ int TryLoadProgram(const std::string& objectPath, const std::string& name) {
     return -EINVAL;
   }
   bpf_program* prog;
-  bpf_object__for_each_program(prog, object.get()) {
-    bpf_program__set_autoload(prog, name == bpf_program__name(prog));
-  }
+  bpf_object__for_each_program(prog, object.get()) { bpf_program__set_autoload(prog, name == bpf_program__name(prog)); }
   return bpf_object__load(object.get());
 }
 
@@ -137,8 +133,7 @@ class SetProblems {
 // Loads the set's object without the programs in leftOut. libbpf loads an
 // object all or nothing, so when the kernel refuses it each program is tried
 // on its own and the refused ones join leftOut. Null when even that fails.
-ObjectPtr LoadLeavingOut(const BpfObjectSet& set, std::set<std::string>* leftOut,
-                         SetProblems* problems) {
+ObjectPtr LoadLeavingOut(const BpfObjectSet& set, std::set<std::string>* leftOut, SetProblems* problems) {
   auto load = [&](bpf_object* object) {
     bpf_program* prog;
     bpf_object__for_each_program(prog, object) {
@@ -193,9 +188,8 @@ int LoadAndPinSet(const BpfObjectSet& set, const std::string& dir, BpfLoadReport
   bpf_object__for_each_program(prog, probe.get()) {
     if (AttachKindOfSection(bpf_program__section_name(prog)).empty()) {
       leftOut.insert(bpf_program__name(prog));
-      problems.program(bpf_program__name(prog), std::string("section ") +
-                                                    bpf_program__section_name(prog) +
-                                                    " cannot be attached");
+      problems.program(bpf_program__name(prog),
+                       std::string("section ") + bpf_program__section_name(prog) + " cannot be attached");
     }
   }
   probe.reset();
@@ -208,9 +202,8 @@ int LoadAndPinSet(const BpfObjectSet& set, const std::string& dir, BpfLoadReport
     if (leftOut.count(bpf_program__name(prog)) != 0) {
       continue;
     }
-    std::string path = dir + "/prog_" + set.defineset + "_" +
-                       AttachKindOfSection(bpf_program__section_name(prog)) + "_" +
-                       bpf_program__name(prog);
+    std::string path = dir + "/prog_" + set.defineset + "_" + AttachKindOfSection(bpf_program__section_name(prog)) +
+                       "_" + bpf_program__name(prog);
     int err = Replace(path, [prog](const char* p) { return bpf_program__pin(prog, p); });
     if (err != 0) {
       problems.set("cannot pin " + path + ": " + ErrorText(err));
@@ -259,8 +252,7 @@ std::string AttachKindOfSection(const std::string& section) {
   return "";
 }
 
-int LoadAndPinBpfSets(const std::vector<BpfObjectSet>& sets, const std::string& dir,
-                      BpfLoadReport* report) {
+int LoadAndPinBpfSets(const std::vector<BpfObjectSet>& sets, const std::string& dir, BpfLoadReport* report) {
   BpfLoadReport scratch;
   if (report == nullptr) {
     report = &scratch;
@@ -276,8 +268,8 @@ int LoadAndPinBpfSets(const std::vector<BpfObjectSet>& sets, const std::string& 
   for (const BpfObjectSet& set : sets) {
     failures += LoadAndPinSet(set, dir, report);
   }
-  KELO_LOGI(LOG_TAG_LOADER, "pinned %zu programs and %zu maps under %s, %d failures",
-            report->pinnedPrograms.size(), report->pinnedMaps.size(), dir.c_str(), failures);
+  KELO_LOGI(LOG_TAG_LOADER, "pinned %zu programs and %zu maps under %s, %d failures", report->pinnedPrograms.size(),
+            report->pinnedMaps.size(), dir.c_str(), failures);
   return failures;
 }
 

@@ -42,8 +42,7 @@ std::vector<BpfObjectSet> DefaultBpfObjectSets(const std::string& objectDir);
 // bpffs) when missing. Returns 0 when every program and map was pinned,
 // otherwise the number of entries in failedPrograms and errors together.
 // report may be null.
-int LoadAndPinBpfSets(const std::vector<BpfObjectSet>& sets, const std::string& dir,
-                      BpfLoadReport* report);
+int LoadAndPinBpfSets(const std::vector<BpfObjectSet>& sets, const std::string& dir, BpfLoadReport* report);
 
 // The attach kind word of a program section ("tracepoint/sched/sched_switch"
 // → "tracepoint"), or an empty string for a section the service cannot attach.

@@ -178,7 +178,9 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
   auto [slot, inserted] = connections.try_emplace(fd);
   // An entry left for this number would be a descriptor closed behind our
   // back; it must not close the new connection when replaced.
-  if (!inserted) (void)slot->second.release();
+  if (!inserted) {
+    [[maybe_unused]] const int stale = slot->second.release();
+  }
   slot->second = std::move(client);
   setupConnection(fd);
   // Nothing to write on the listening socket.

@@ -1,9 +1,21 @@
 // A std::mutex that clang's thread-safety analysis understands, so that every
 // GUARDED_BY member in the service is checked at compile time. libstdc++'s own
 // mutex carries no capability annotations.
+//
+// The annotation macros (GUARDED_BY, REQUIRES, ...) come from the platform's
+// android-base/thread_annotations.h, which spells them as attributes for every
+// compiler. Only clang knows them; for any other compiler this header turns
+// them into nothing. A file that uses the macros includes this header, before
+// or after android-base's: the latter is included only once, so the empty
+// form stays in force for the rest of the file.
 #pragma once
 
 #include <android-base/thread_annotations.h>
+
+#if !defined(__clang__)
+#undef THREAD_ANNOTATION_ATTRIBUTE__
+#define THREAD_ANNOTATION_ATTRIBUTE__(x)
+#endif
 
 #include <condition_variable>
 #include <mutex>

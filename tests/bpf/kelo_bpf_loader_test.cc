@@ -67,7 +67,9 @@ TEST(KeloBpfLoaderTest, PinsEveryProgramWithItsAttachKindAndTheMapsWithTheShared
     EXPECT_EQ(info.type, expected.type) << expected.name;
     EXPECT_EQ(info.key_size, expected.keySize) << expected.name;
     EXPECT_EQ(info.value_size, expected.valueSize) << expected.name;
-    if (expected.maxEntries != 0) EXPECT_EQ(info.max_entries, expected.maxEntries) << expected.name;
+    if (expected.maxEntries != 0) {
+      EXPECT_EQ(info.max_entries, expected.maxEntries) << expected.name;
+    }
   }
 }
 

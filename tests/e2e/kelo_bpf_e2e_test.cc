@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -173,6 +174,7 @@ class Tool {
     }
   }
 
+  pid_t Pid() const { return pid; }
   void Signal(int signal) const { kill(pid, signal); }
   // The exit status once the tool has ended (signal deaths count as 128 +
   // signal), or nothing after `limit`.
@@ -263,6 +265,95 @@ TEST(E2eTools, ClientWithoutAServiceFailsWhenItsDurationEndsAndBadUsageEndsEithe
        {std::vector<std::string>{"--prop", "no-value-given"}, {"--ready-delay", "soon"}, {"extra"}}) {
     EXPECT_EQ(Tool(KELO_DAEMON_PATH, args, "daemon").Wait(), 2) << args[0];
   }
+}
+
+TEST(E2eTools, DaemonPrintsItsVersionAndKeepsItsPidFileOnlyWhileItRuns) {
+  Tool version(KELO_DAEMON_PATH, {"--version"}, "version");
+  EXPECT_EQ(version.Wait(), 0);
+  EXPECT_EQ(version.Out(), "kelobpfd " KELO_VERSION "\n");
+
+  const std::string pidFile = "/data/kelobpfd.pid";
+  Tool daemon(KELO_DAEMON_PATH, {"--no-ready", "--pidfile", pidFile}, "daemon");
+  std::string text;
+  ASSERT_TRUE(WaitUntil([&] { return android::base::ReadFileToString(pidFile, &text); })) << daemon.Err();
+  EXPECT_EQ(text, std::to_string(daemon.Pid()) + "\n");
+  // What a dump request finds through the pid file before the service takes
+  // the dump signals: the daemon drops it and lives on.
+  daemon.Signal(kelo_test::SIGNAL_DUMP_STATE);
+  EXPECT_FALSE(daemon.Wait(300ms).has_value());
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
+  EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
+
+  // A pid file that another process has taken over since is left alone.
+  Tool second(KELO_DAEMON_PATH, {"--no-ready", "--pidfile", pidFile}, "second");
+  ASSERT_TRUE(WaitUntil([&] { return android::base::ReadFileToString(pidFile, &text); })) << second.Err();
+  ASSERT_TRUE(android::base::WriteStringToFile("1\n", pidFile));
+  second.Signal(SIGTERM);
+  EXPECT_EQ(second.Wait(), 0) << second.Err();
+  EXPECT_TRUE(android::base::ReadFileToString(pidFile, &text));
+  EXPECT_EQ(text, "1\n");
+
+  // A pid file that cannot be written ends the daemon with 1.
+  Tool unwritable(KELO_DAEMON_PATH, {"--no-ready", "--pidfile", "/data/missing/kelobpfd.pid"}, "unwritable");
+  EXPECT_EQ(unwritable.Wait(), 1);
+  EXPECT_TRUE(unwritable.Logged("Cannot write pid file /data/missing/kelobpfd.pid")) << unwritable.Err();
+  EXPECT_EQ(Tool(KELO_DAEMON_PATH, {"--pidfile", ""}, "empty").Wait(), 2);
+}
+
+// setpriv's --bounding-set argument for the capabilities of the systemd
+// unit's CapabilityBoundingSet= line ("-all,+bpf,+perfmon,..."), minus
+// `without`; empty when the unit has no such line.
+std::string UnitBoundingSet(const std::string& without = "") {
+  std::string unit;
+  if (!android::base::ReadFileToString(KELO_DAEMON_UNIT_PATH, &unit)) return "";
+  for (const std::string& line : android::base::Split(unit, "\n")) {
+    if (!android::base::StartsWith(line, "CapabilityBoundingSet=")) continue;
+    std::string set = "-all";
+    for (const std::string& cap : android::base::Split(line.substr(line.find('=') + 1), " ")) {
+      if (cap.empty() || cap == without) continue;
+      std::string name = cap.substr(cap.find('_') + 1);
+      std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+      set += ",+" + name;
+    }
+    return set;
+  }
+  return "";
+}
+
+// The systemd unit takes every capability but its bounding set from the
+// daemon: with exactly that set it loads, attaches and delivers events, and
+// stops cleanly; without CAP_PERFMON (so the set is really in force) the
+// kernel refuses every program.
+TEST(E2eTools, DaemonWorksWithTheCapabilitiesOfItsSystemdUnitOnly) {
+  const std::string bounding = UnitBoundingSet();
+  ASSERT_NE(bounding.find("+bpf,+perfmon"), std::string::npos) << bounding;
+  const std::string pidFile = "/data/kelobpfd.pid";
+  Tool daemon("/usr/bin/setpriv",
+              {"--bounding-set", bounding, "--inh-caps=-all", "--", KELO_DAEMON_PATH, "--load", "--pidfile", pidFile},
+              "daemon");
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
+  ASSERT_TRUE(WaitUntil(ServiceListening));
+  Tool client(KELO_CLIENT_PATH, {"--type", "2"}, "client");
+  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=0 type=2 result=0"); })) << client.Out();
+  ASSERT_TRUE(WaitUntil([&] {
+    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
+    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
+  })) << client.Out();
+  client.Signal(SIGTERM);
+  EXPECT_EQ(client.Wait(), 0) << client.Err();
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
+  EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
+
+  Tool restricted(
+      "/usr/bin/setpriv",
+      {"--bounding-set", UnitBoundingSet("CAP_PERFMON"), "--inh-caps=-all", "--", KELO_DAEMON_PATH, "--load"},
+      "restricted");
+  ASSERT_TRUE(WaitUntil([&] { return restricted.Logged("[kelobpfd] Ready"); })) << restricted.Err();
+  EXPECT_TRUE(restricted.Logged("[kelobpfd] Pinned 0 programs")) << restricted.Err();
+  restricted.Signal(SIGTERM);
+  EXPECT_EQ(restricted.Wait(), 0) << restricted.Err();
 }
 
 }  // namespace

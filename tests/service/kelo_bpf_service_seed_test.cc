@@ -87,18 +87,26 @@ class SeedTest : public ::testing::Test {
     service = KeloBpfService::GetInstance();
   }
   void TearDown() override {
-    if (mounted) EXPECT_EQ(umount2("/proc", MNT_DETACH), 0);
+    if (mounted) {
+      EXPECT_EQ(umount2("/proc", MNT_DETACH), 0);
+    }
   }
   static std::string Dir(const std::string& pid) { return std::string(ROOT) + "/" + pid; }
   static void Process(const std::string& pid, const char* status = "Name:\tproc\n", bool fdDir = true) {
     ASSERT_TRUE(kelo_test::MakeDirs(Dir(pid) + "/fdinfo"));
-    if (fdDir) ASSERT_TRUE(kelo_test::MakeDirs(Dir(pid) + "/fd"));
-    if (status != nullptr) ASSERT_TRUE(WriteStringToFile(status, Dir(pid) + "/status"));
+    if (fdDir) {
+      ASSERT_TRUE(kelo_test::MakeDirs(Dir(pid) + "/fd"));
+    }
+    if (status != nullptr) {
+      ASSERT_TRUE(WriteStringToFile(status, Dir(pid) + "/status"));
+    }
   }
   static void Fd(const std::string& pid, const std::string& fd, const std::string& target,
                  const std::string& info = "") {
     ASSERT_EQ(symlink(target.c_str(), (Dir(pid) + "/fd/" + fd).c_str()), 0);
-    if (!info.empty()) ASSERT_TRUE(WriteStringToFile(info, Dir(pid) + "/fdinfo/" + fd));
+    if (!info.empty()) {
+      ASSERT_TRUE(WriteStringToFile(info, Dir(pid) + "/fdinfo/" + fd));
+    }
   }
   // Mounts the fixture over /proc; the fixture's process ids in directory order.
   std::vector<std::string> MountOverProc() {
