@@ -165,6 +165,24 @@ TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
   }).join();
 }
 
+// A connection whose sender could not be woken (here: one the endpoint does
+// not watch) is asked again by its next event, not taken for one that has a
+// wake-up pending for good.
+TEST_F(ClientTest, AWakeUpThatCouldNotBeDeliveredIsAskedForAgainByTheNextEvent) {
+  constexpr int kUnwatched = 1000;
+  KeloBpfService* service = KeloBpfService::GetInstance();
+  service->onClientLibConnection(kUnwatched);
+  EventManager::GetInstance()->AddObserverEvent(kUnwatched, 6);
+  kelo_test::LogCapture log;
+  for (int i = 0; i < 3; ++i) Publish(6);
+  std::thread([] {
+    DeferredWakeups wakeups;
+    Publish(6);
+  }).join();
+  EXPECT_EQ(log.count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 4);
+  service->onClientLibClose(kUnwatched);
+}
+
 TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsClean) {
   // Answered, so accepted: the listening socket, the client's and the service's end.
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 1), 0);
