@@ -172,7 +172,9 @@ class OverrunRing {
   // of them the ring took.
   uint64_t Emit(uint32_t type, uint32_t runs) {
     const uint64_t before = Written();
-    std::vector<char> frame(ETH_HLEN, 0);
+    // The emitter's frame: type, flags (0), stamp; at least an Ethernet
+    // header's worth of bytes.
+    std::vector<char> frame(std::max<size_t>(ETH_HLEN, 16), 0);
     memcpy(frame.data(), &type, sizeof(type));
     bpf_test_run_opts opts{};
     opts.sz = sizeof(opts);
