@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <system_error>
 #include <utility>
@@ -184,7 +185,12 @@ void KeloBpfService::startLossReporter() {
           KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] set thread affinity failed. %s",
                     strerror(errno));
         }
-        lossReporter->Run();
+        try {
+          lossReporter->Run();
+        } catch (const std::exception& e) {
+          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] Loss report thread ended by error: %s",
+                    e.what());
+        }
       }).detach();
     } catch (const std::system_error& e) {
       KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] Start loss report thread failed: %s", e.what());

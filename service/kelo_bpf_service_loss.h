@@ -1,7 +1,7 @@
 // The thread that tells clients about lost events ("BpfServiceLoss").
 //
-// It reads the kernel's lost counts when a pump asks for it: at most once a
-// second while records flow, and at once when a pump's watchdog found a ring
+// It reads the kernel's lost counts when a pump asks for it: within a second
+// of a record, at most once a second while records flow, and at once when a pump's watchdog found a ring
 // buffer's full flag. Growth of a count is added to the ledger for every
 // connection that is to hear of it. Then it queues the 50005 records that
 // the ledger says are due: a report of queue losses ahead of everything
@@ -42,8 +42,9 @@ class LossReporter {
   // Ends Run after its current round.
   void Stop() EXCLUDES(mutex);
 
-  // A pump took records: read the kernel counts within KERNEL_READ_INTERVAL.
-  // Costs one atomic load while a reading is already due. Any thread.
+  // A pump took a record: read the kernel counts within
+  // KERNEL_READ_INTERVAL. Costs one atomic load while a reading is already
+  // due. Any thread.
   void NoteRecords() EXCLUDES(mutex);
   // A pump found a ring buffer's full flag: read the kernel counts now.
   void NoteRingFull() EXCLUDES(mutex);

@@ -130,9 +130,6 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
     tally.Flush();
     wakeups.Flush();
     ReportRefusedDumps();
-    // Records came, so the ring may have overflowed meanwhile: the kernel's
-    // lost counts are read within a second.
-    if (result > 0) lossReporter->NoteRecords();
     if (result >= 0) {
       if (!checkBpfRingBuffStatus(pump.index, false)) lossReporter->NoteRingFull();
       failures = 0;
@@ -169,6 +166,10 @@ int KeloBpfService::dispatchRecord(char* data, size_t size) {
     return -1;
   }
   memcpy(&type, data, sizeof(type));
+  // Records come, so the ring may be overflowing: the kernel's lost counts
+  // are read within a second. Told per record, since one poll lasts as long
+  // as records keep coming.
+  lossReporter->NoteRecords();
   if (pumpTally != nullptr) {
     pumpTally->Add(static_cast<int>(type));
   } else {
