@@ -88,7 +88,9 @@ void LossLedger::QueueTrimmed(int fd, const std::deque<KeloIpcPackage>& removed,
   connection.trimmed += trimmed;
   for (const auto& [type, span] : lost) AddPendingLocked(fd, Key(type, KELO_LOSS_SITE_QUEUE), span);
   for (const kelo_events_lost_client_event& report : untold) {
-    AddPendingLocked(fd, Key(report.lost_type, report.site), Span{report.count, report.first_ts, report.last_ts});
+    // Copied out of the packed record, never referenced.
+    const Key key(int32_t{report.lost_type}, uint32_t{report.site});
+    AddPendingLocked(fd, key, Span{report.count, report.first_ts, report.last_ts});
     if (reportsQueued != 0) --reportsQueued;
   }
 }
