@@ -199,8 +199,13 @@ Pipeline ServicePipeline() {
   pipeline.threadPrefix = SERVICE_THREAD_PREFIX;
   pipeline.senderThread = KeloBpfService::IPC_THREAD_NAME;
   pipeline.enrol = [](std::vector<std::unique_ptr<CountingClient>>& clients) {
+    // Paced, as the reference pipeline's publisher always is: a drain's
+    // burst beyond the queue bound reaches a reading client whole.
     for (auto& client : clients) {
-      if (!client->Subscribe(Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, EVENT_TYPE)) return false;
+      if (!client->Subscribe(Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, EVENT_TYPE) ||
+          !client->Subscribe(Kelo::Bpf::REQ_SET_PACING, 1)) {
+        return false;
+      }
     }
     return true;
   };

@@ -90,6 +90,24 @@ enum kelo_ringbuf_status_flag {
 };
 
 /* ------------------------------------------------------------------------ */
+/* Failed reservations: one per program set, beside its ring buffer         */
+/* ------------------------------------------------------------------------ */
+
+/* map_<set>_ringbuf_lost, BPF_MAP_TYPE_PERCPU_ARRAY: key __u32 event type
+ * (0 to KELO_EVENT_TYPE_MAX), value one struct kelo_ringbuf_lost per CPU.
+ * Each count grows by one for every record of that type that a program of
+ * the set could not reserve room for (the ring buffer was full); nothing
+ * else writes it, and it never goes back to 0 while the set stays loaded.
+ * A reader sums the CPUs' values; the difference between two readings is
+ * what was lost in between. The full flag of the status array is set on
+ * the same occasions. */
+#define KELO_RB_LOST_ENTRIES 8
+struct kelo_ringbuf_lost {
+  __u64 records;
+};
+KELO_ASSERT_SIZE(struct kelo_ringbuf_lost, 8);
+
+/* ------------------------------------------------------------------------ */
 /* Raw ring-buffer records                                                   */
 /* ------------------------------------------------------------------------ */
 
@@ -106,6 +124,8 @@ enum kelo_event_type {
   /* Not an event: the counter index under which polls are counted. */
   KELO_EVENT_POLL_COUNT = 8
 };
+
+KELO_STATIC_ASSERT(KELO_RB_LOST_ENTRIES == KELO_EVENT_TYPE_MAX + 1, "one lost count per event type");
 
 /* Common header of every record. ts is CLOCK_MONOTONIC in nanoseconds. */
 struct kelo_event_header {
@@ -374,7 +394,8 @@ enum kelo_client_event_type {
   KELO_CLIENT_EVENT_PROCESS_CREATE = 50001,
   KELO_CLIENT_EVENT_PROCESS_EXIT = 50002,
   KELO_CLIENT_EVENT_THREAD_COUNT = 50003,
-  KELO_CLIENT_EVENT_RSS_CHANGE = 50004
+  KELO_CLIENT_EVENT_RSS_CHANGE = 50004,
+  KELO_CLIENT_EVENT_EVENTS_LOST = 50005
 };
 
 struct __attribute__((packed)) kelo_process_create_client_event {
@@ -421,5 +442,42 @@ KELO_ASSERT_SIZE(struct kelo_rss_change_client_event, 96);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, comm, 16);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, rss, 32);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, rss_old, 64);
+
+/* Where the events of a type 50005 report were lost. */
+enum kelo_loss_site {
+  /* A kernel program found its ring buffer full and could not write them. */
+  KELO_LOSS_SITE_KERNEL = 1,
+  /* The receiving connection's queue was trimmed: the client read too slowly
+   * and the oldest packages of its queue were dropped. */
+  KELO_LOSS_SITE_QUEUE = 2
+};
+
+/* Type 50005: events of lost_type that were lost at `site` since the last
+ * report of that type and site to this connection. Sent at most once a
+ * second per type and site, only after a loss, to connections subscribed to
+ * 50005.
+ *
+ * first_ts and last_ts are CLOCK_MONOTONIC nanoseconds, the kernel's time
+ * base. Queue losses: the header time of the first and last record dropped
+ * (raw types 0 to 7), or the time of the trims (derived types). Kernel
+ * losses: the records never existed, so the times bound the span instead:
+ * every loss of the report happened after first_ts and not after last_ts.
+ * The 64-bit fields sit at offsets that are multiples of 8 in the record,
+ * which itself may arrive at any address: copy it out before reading. */
+struct __attribute__((packed)) kelo_events_lost_client_event {
+  __u32 type;
+  __s32 lost_type;
+  __u32 site; /* enum kelo_loss_site */
+  __u32 reserved;
+  __u64 count;
+  __u64 first_ts;
+  __u64 last_ts;
+};
+KELO_ASSERT_SIZE(struct kelo_events_lost_client_event, 40);
+KELO_ASSERT_OFFSET(struct kelo_events_lost_client_event, lost_type, 4);
+KELO_ASSERT_OFFSET(struct kelo_events_lost_client_event, site, 8);
+KELO_ASSERT_OFFSET(struct kelo_events_lost_client_event, count, 16);
+KELO_ASSERT_OFFSET(struct kelo_events_lost_client_event, first_ts, 24);
+KELO_ASSERT_OFFSET(struct kelo_events_lost_client_event, last_ts, 32);
 
 #endif /* KELO_BPF_EVENTS_H_ */

@@ -8,7 +8,9 @@
  *    core events (task creation and exit) while KELO_RB_FLAG_CORE is set,
  *    every other event while KELO_RB_FLAG_NORMAL is set;
  *  - a record that does not fit sets KELO_RB_FLAG_FULL and refreshes status
- *    entries 1-4 from the ring buffer, so the service can log how full it was.
+ *    entries 1-4 from the ring buffer, so the service can log how full it was;
+ *  - and it is counted under its type in ringbuf_lost, so the service can
+ *    tell how many records of each type were lost.
  */
 #ifndef KELO_BPF_RINGBUF_BPF_H_
 #define KELO_BPF_RINGBUF_BPF_H_
@@ -26,6 +28,13 @@ struct {
   __type(key, __u32);
   __type(value, __u64);
 } ringbuf_status SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, KELO_RB_LOST_ENTRIES);
+  __type(key, __u32);
+  __type(value, struct kelo_ringbuf_lost);
+} ringbuf_lost SEC(".maps");
 
 static __always_inline int kelo_wants(__u64 flag)
 {
@@ -64,15 +73,26 @@ static __always_inline void kelo_mark_full(void)
   kelo_refresh_status();
 }
 
+static __always_inline void kelo_count_lost(__u32 type)
+{
+  struct kelo_ringbuf_lost *lost = bpf_map_lookup_elem(&ringbuf_lost, &type);
+
+  /* This CPU's slot; atomic because a program may interrupt another one
+   * on the same CPU. */
+  if (lost)
+    __sync_fetch_and_add(&lost->records, 1);
+}
+
 /* Reserves a record of the given type and fills its header; null (after
- * marking the ring buffer full) when there is no room. size must be a
- * compile-time constant. */
+ * marking the ring buffer full and counting the loss) when there is no
+ * room. size must be a compile-time constant. */
 static __always_inline void *kelo_reserve(__u32 type, __u64 size)
 {
   struct kelo_event_header *header = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
 
   if (!header) {
     kelo_mark_full();
+    kelo_count_lost(type);
     return 0;
   }
   /* Ring-buffer memory is not cleared: padding and unused name bytes

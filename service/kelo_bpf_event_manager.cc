@@ -5,6 +5,8 @@
 #include <cstring>
 #include <thread>
 
+#include "service/kelo_bpf_event_loss.h"
+#include "service/kelo_bpf_event_pacing.h"
 #include "service/kelo_bpf_service.h"
 
 namespace Kelo {
@@ -45,11 +47,67 @@ void EventManager::DelObserverEvent(int fd, int type) {
 
 void EventManager::EraseObserver(int fd) {
   MutexLock lock(keloRawEventManagerLock);
+  pacedConnections.erase(fd);
   auto entry = observersByFd.find(fd);
   if (entry == observersByFd.end()) return;
   for (int type : entry->second) RemoveAll(&observersByType[type], fd);
   observersByFd.erase(entry);
   stalledSenders.erase(fd);
+}
+
+void EventManager::SetPacing(int fd, bool paced) {
+  MutexLock lock(keloRawEventManagerLock);
+  if (paced) {
+    pacedConnections.insert(fd);
+  } else {
+    pacedConnections.erase(fd);
+    stalledSenders.erase(fd);
+  }
+}
+
+std::vector<int> EventManager::SubscribersOf(int type) {
+  MutexLock lock(keloRawEventManagerLock);
+  auto subscribers = observersByType.find(type);
+  if (subscribers == observersByType.end()) return {};
+  std::vector<int> fds = subscribers->second;
+  std::sort(fds.begin(), fds.end());
+  return fds;
+}
+
+std::vector<int> EventManager::LossReportSubscribers(int type) {
+  int derived[2] = {};
+  const int derivedCount = DerivedEventTypes(type, &derived);
+  std::vector<int> fds;
+  MutexLock lock(keloRawEventManagerLock);
+  auto reporting = observersByType.find(KELO_CLIENT_EVENT_EVENTS_LOST);
+  if (reporting == observersByType.end()) return fds;
+  for (int fd : reporting->second) {
+    auto types = observersByFd.find(fd);
+    if (types == observersByFd.end()) continue;
+    const auto subscribed = [&types](int wanted) {
+      return std::find(types->second.begin(), types->second.end(), wanted) != types->second.end();
+    };
+    bool wants = subscribed(type);
+    for (int i = 0; i < derivedCount && !wants; ++i) wants = subscribed(derived[i]);
+    if (wants) fds.push_back(fd);
+  }
+  std::sort(fds.begin(), fds.end());
+  return fds;
+}
+
+bool EventManager::SendTo(int fd, const char* data, unsigned int size, bool front) {
+  MutexLock lock(keloRawEventManagerLock);
+  if (clientQueues == nullptr) return false;
+  auto queue = clientQueues->find(fd);
+  if (queue == clientQueues->end()) return false;
+  IpcPackageManager& packages = queue->second;
+  if (front) {
+    packages.buildAndPushFrontSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
+  } else {
+    packages.buildAndAppendSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
+  }
+  if (packages.requestSend()) NotifySendersLocked({fd});
+  return true;
 }
 
 size_t EventManager::QueueDepth(int fd) {
@@ -61,11 +119,17 @@ size_t EventManager::QueueDepth(int fd) {
 
 void EventManager::WaitForSender(int fd) {
   using Clock = std::chrono::steady_clock;
+  const RingFillGauge* ring = RingFillGauge::OfThisThread();
+  if (ring != nullptr && ring->MoreThanHalfFull()) return;
+  pacingWaits.fetch_add(1, std::memory_order_relaxed);
   size_t depth = QueueDepth(fd);
   const Clock::time_point start = Clock::now();
   Clock::time_point lastProgress = start;
   while (depth > PACE_RESUME_DEPTH) {
     std::this_thread::sleep_for(PACE_POLL_INTERVAL);
+    // The kernel is about to lose events for everyone: this client takes
+    // the trim instead.
+    if (ring != nullptr && ring->MoreThanHalfFull()) return;
     const size_t current = QueueDepth(fd);
     const Clock::time_point now = Clock::now();
     if (current < depth) {
@@ -107,7 +171,7 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
       if (packages.requestSend()) toWake.push_back(fd);
       const size_t depth = packages.getIpcPackageCount();
       if (depth >= PACE_START_DEPTH) {
-        if (stalledSenders.count(fd) == 0) crowded.push_back(fd);
+        if (stalledSenders.count(fd) == 0 && pacedConnections.count(fd) != 0) crowded.push_back(fd);
       } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
         stalledSenders.erase(fd);
       }
@@ -130,7 +194,17 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
 
 void EventManager::NotifySendersLocked(const std::vector<int>& fds) {
   KeloBpfService* service = KeloBpfService::FindInstance();
-  if (service != nullptr) service->notifyClientEventReady(fds);
+  if (service == nullptr) {
+    for (int fd : fds) CancelSendRequestLocked(fd);
+    return;
+  }
+  for (int fd : service->notifyClientEventReady(fds)) CancelSendRequestLocked(fd);
+}
+
+void EventManager::CancelSendRequestLocked(int fd) {
+  if (clientQueues == nullptr) return;
+  auto queue = clientQueues->find(fd);
+  if (queue != clientQueues->end()) queue->second.cancelSendRequest();
 }
 
 void EventManager::WakeSenders(const std::vector<int>& fds) {
@@ -147,7 +221,10 @@ void EventManager::WakeSenders(const std::vector<int>& fds) {
   }
   if (connected.empty()) return;
   KeloBpfService* service = KeloBpfService::FindInstance();
-  if (service != nullptr) service->notifyClientEventReady(connected);
+  const std::vector<int> failed = service != nullptr ? service->notifyClientEventReady(connected) : connected;
+  if (failed.empty()) return;
+  MutexLock lock(keloRawEventManagerLock);
+  for (int fd : failed) CancelSendRequestLocked(fd);
 }
 
 DeferredWakeups::DeferredWakeups() { deferredWakeups = this; }

@@ -17,6 +17,7 @@
 
 #include <android-base/thread_annotations.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -36,8 +37,8 @@ using ClientPackageManagers = std::map<int, IpcPackageManager>;
 // Package type under which events travel to clients, the record as payload.
 inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
 
-// Queue depths between which a publisher waits for a connection's sender,
-// both well below the queue's trim mark.
+// Queue depths between which a publisher waits for the sender of a
+// connection that asked to be paced, both well below the queue's trim mark.
 inline constexpr size_t PACE_START_DEPTH = IPC_QUEUE_HIGH_WATER * 9 / 10;
 inline constexpr size_t PACE_RESUME_DEPTH = IPC_QUEUE_HIGH_WATER * 5 / 10;
 // How long a waiting publisher lets a sender go without progress, how long
@@ -56,8 +57,21 @@ class EventManager {
   void AddObserverEvent(int fd, int type) EXCLUDES(keloRawEventManagerLock);
   // Unsubscribes fd from `type`; nothing happens when it was not subscribed.
   void DelObserverEvent(int fd, int type) EXCLUDES(keloRawEventManagerLock);
-  // Drops every subscription of fd (its connection closed).
+  // Drops every subscription of fd, and its pacing (its connection closed).
   void EraseObserver(int fd) EXCLUDES(keloRawEventManagerLock);
+  // Whether publishers hold back for fd's sender when its queue is crowded
+  // (see AppendEvent); off for a new connection.
+  void SetPacing(int fd, bool paced) EXCLUDES(keloRawEventManagerLock);
+
+  // Connections subscribed to `type`, sorted by descriptor.
+  std::vector<int> SubscribersOf(int type) EXCLUDES(keloRawEventManagerLock);
+  // Connections that are to hear of a kernel loss of raw type `type`: those
+  // subscribed to 50005 and to `type` or an event derived from it; sorted.
+  std::vector<int> LossReportSubscribers(int type) EXCLUDES(keloRawEventManagerLock);
+  // Queues one event record for connection fd alone, after everything queued
+  // or, with `front`, ahead of it, and wakes its sender. False when fd has no
+  // queue (it closed).
+  bool SendTo(int fd, const char* data, unsigned int size, bool front) EXCLUDES(keloRawEventManagerLock);
 
   // Publishes one event whose first four bytes are its type: the `size`
   // bytes are queued byte for byte as a package of type 3 for every
@@ -66,14 +80,21 @@ class EventManager {
   // request pending already: at once, or at the next flush of the calling
   // thread's DeferredWakeups when it has one. Always 0.
   //
-  // A connection whose queue holds PACE_START_DEPTH packages or more holds
-  // the publisher back, outside every lock, until its sender has brought the
-  // queue down to PACE_RESUME_DEPTH: a client that keeps up then loses
-  // nothing to the queue's trim. A sender that makes no progress for
-  // PACE_STALL_LIMIT, or is not done within PACE_WAIT_LIMIT, is given up on
-  // until its queue drains again, so a dead or stalled client gets the trim
-  // and holds the others back only once.
+  // A client that reads more slowly than events come loses its oldest
+  // packages to its queue's trim, and only it does: by default nothing waits
+  // for a client. A connection that asked to be paced (SetPacing) and whose
+  // queue holds PACE_START_DEPTH packages or more holds the publisher back,
+  // outside every lock, until its sender has brought the queue down to
+  // PACE_RESUME_DEPTH, so that a client that keeps up loses nothing to a
+  // burst. The publisher never waits, and stops waiting, while the ring
+  // buffer that its thread drains (RingFillGauge) is more than half full. A
+  // sender that makes no progress for PACE_STALL_LIMIT, or is not done within
+  // PACE_WAIT_LIMIT, is given up on until its queue drains again, so a dead
+  // or stalled client gets the trim and holds the others back only once.
   int AppendEvent(char* data, unsigned int size) EXCLUDES(keloRawEventManagerLock);
+
+  // Times a publisher waited for a paced connection's sender.
+  uint64_t PacingWaits() const { return pacingWaits.load(std::memory_order_relaxed); }
 
   // Wakes the senders of `fds` that still have a queue (the connections
   // collected by a DeferredWakeups).
@@ -97,8 +118,11 @@ class EventManager {
   // Waits, holding no lock, until the sender of fd has drained its queue to
   // PACE_RESUME_DEPTH; marks fd stalled when the sender falls behind.
   void WaitForSender(int fd) EXCLUDES(keloRawEventManagerLock);
-  // Asks the service's endpoint to write to each of fds.
-  static void NotifySendersLocked(const std::vector<int>& fds) REQUIRES(keloRawEventManagerLock);
+  // Asks the service's endpoint to write to each of fds; a connection that
+  // could not be told is asked again by the next append.
+  void NotifySendersLocked(const std::vector<int>& fds) REQUIRES(keloRawEventManagerLock);
+  // The sender of fd could not be woken: its next append asks again.
+  void CancelSendRequestLocked(int fd) REQUIRES(keloRawEventManagerLock);
 
   ClientPackageManagers* clientQueues GUARDED_BY(keloRawEventManagerLock) = nullptr;
   // Types each connection subscribed to, in subscription order, no duplicates.
@@ -109,6 +133,9 @@ class EventManager {
   // Connections whose sender made no progress while the publisher waited;
   // not waited for again until their queue is down to PACE_RESUME_DEPTH.
   std::set<int> stalledSenders GUARDED_BY(keloRawEventManagerLock);
+  // Connections that asked to be paced.
+  std::set<int> pacedConnections GUARDED_BY(keloRawEventManagerLock);
+  std::atomic<uint64_t> pacingWaits{0};
 
   static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
 };

@@ -32,6 +32,10 @@ inline constexpr char KELO_BPF_CLIENT_SOCKET_NAME[] = "/mnt/bpfframework/kelobpf
 // answered with result -1 and changes nothing.
 inline constexpr uint32_t REQ_ADD_OBSERVER_EVENT = 51;
 inline constexpr uint32_t REQ_DEL_OBSERVER_EVENT = 52;
+// Data: int 1 to be paced (publishers hold back while this connection's
+// queue is crowded and the kernel's ring has room), 0 to stop; answered
+// with 0, or -1 for any other value.
+inline constexpr uint32_t REQ_SET_PACING = 55;
 
 // Package types of the package header.
 inline constexpr uint32_t KELO_BPF_PACKAGE_TYPE_REQUEST = 0;

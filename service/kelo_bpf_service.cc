@@ -2,9 +2,16 @@
 
 #include <android-base/properties.h>
 
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <exception>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
+#include "helper/kelo_bpf_helper_strings.h"
+#include "service/kelo_bpf_state.h"
 #include "utils/kelo_bpf_error_log.h"
 #include "utils/kelo_bpf_log.h"
 
@@ -100,6 +107,8 @@ KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(conf
   eventHandlers[KELO_EVENT_RSS_STAT] = [this](char* data, long long size) { return handleKmem_RssStat(data, size); };
 
   EventManager* registry = EventManager::GetInstance();
+  lossReporter = std::make_unique<LossReporter>(&losses, &kernelLostCounters, registry);
+  KeloBpfDataState::GetInstance()->SetSupplement([this] { return stateSupplement(); });
   MutexLock lock(EventManager::keloRawEventManagerLock);
   registry->setClientQueues(&clientPackageManagers);
 }
@@ -109,6 +118,7 @@ std::string KeloBpfService::pinnedPath(const char* designedPath) const {
 }
 
 bool KeloBpfService::start() {
+  startLossReporter();
   MutexLock lock(servicelock);
   running = true;
   MutexLock slots(mutex);
@@ -158,8 +168,52 @@ void KeloBpfService::joinProducers() {
   if (gpl.joinable()) gpl.join();
 }
 
-void KeloBpfService::notifyClientEventReady(const std::vector<int>& fds) {
-  for (int fd : fds) ipcManager->notifyNeedWriteData(fd);
+std::vector<int> KeloBpfService::notifyClientEventReady(const std::vector<int>& fds) {
+  std::vector<int> failed;
+  for (int fd : fds) {
+    if (!ipcManager->notifyNeedWriteData(fd)) failed.push_back(fd);
+  }
+  return failed;
+}
+
+void KeloBpfService::startLossReporter() {
+  static std::once_flag started;
+  std::call_once(started, [this] {
+    try {
+      std::thread([this] {
+        if (!NameAndBindThread(LOSS_THREAD_NAME)) {
+          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] set thread affinity failed. %s",
+                    strerror(errno));
+        }
+        try {
+          lossReporter->Run();
+        } catch (const std::exception& e) {
+          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] Loss report thread ended by error: %s",
+                    e.what());
+        }
+      }).detach();
+    } catch (const std::system_error& e) {
+      KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService] Start loss report thread failed: %s", e.what());
+    }
+  });
+}
+
+IpcPackageManager& KeloBpfService::queueForLocked(int fd) {
+  auto [entry, made] = clientPackageManagers.try_emplace(fd);
+  if (made) {
+    // Runs on the appending thread, which holds the registry's lock: the
+    // connection cannot close meanwhile.
+    entry->second.setTrimListener([this, fd](const std::deque<KeloIpcPackage>& removed) {
+      losses.QueueTrimmed(fd, removed, MonotonicNowNs());
+      lossReporter->NoteQueueLoss();
+    });
+  }
+  return entry->second;
+}
+
+std::string KeloBpfService::stateSupplement() {
+  return losses.StateLines() + StringPrintf("BadFramesClosed, %" PRIu64 ", \r\n", badFramesClosed()) +
+         StringPrintf("PacingWaits, %" PRIu64 ", \r\n", EventManager::GetInstance()->PacingWaits());
 }
 
 }  // namespace Bpf

@@ -9,7 +9,9 @@
 //  - "BpfServicePGpl" attaches the GPL program set and pumps the GPL ring
 //    buffer;
 //  - "BpfServiceTr", the IPC endpoint's loop, runs every client callback;
-//  - "BpfServiceDump" runs the dumps requested by signals 50 to 54.
+//  - "BpfServiceDump" runs the dumps requested by signals 50 to 54;
+//  - "BpfServiceLoss" reads the kernel's lost counts and tells subscribers
+//    of type 50005 what was lost (LossReporter).
 // All of them are bound to processors 0, 1 and 2.
 //
 // A pump switches the kernel side on in two steps through its ring buffer's
@@ -48,8 +50,11 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "helper/kelo_bpf_attach_tables.h"
+#include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_manager.h"
 #include "service/kelo_bpf_protocol.h"
+#include "service/kelo_bpf_service_loss.h"
+#include "service/kelo_bpf_service_lost_counters.h"
 #include "utils/kelo_bpf_ipc_package.h"
 #include "utils/kelo_bpf_ipc_package_handler.h"
 #include "utils/kelo_bpf_ipc_package_manager.h"
@@ -134,6 +139,8 @@ class KeloBpfService {
   static constexpr char RINGBUF_STATUS_MAP_PATH[] = KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status");
   static constexpr char GPL_RINGBUF_MAP_PATH[] = KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_map");
   static constexpr char GPL_RINGBUF_STATUS_MAP_PATH[] = KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_status");
+  static constexpr char RINGBUF_LOST_MAP_PATH[] = KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_lost");
+  static constexpr char GPL_RINGBUF_LOST_MAP_PATH[] = KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_lost");
   static constexpr char DMABUF_BPF_PROCESS_INODE_MAP_PATH[] =
       KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "process_inode_map");
   static constexpr char DMABUF_BPF_PROCESS_MMAP_INFOS_PATH[] =
@@ -153,6 +160,7 @@ class KeloBpfService {
   static constexpr char GPL_POLL_THREAD_NAME[] = "BpfServicePGpl";
   static constexpr char IPC_THREAD_NAME[] = "BpfServiceTr";
   static constexpr char DUMP_THREAD_NAME[] = "BpfServiceDump";
+  static constexpr char LOSS_THREAD_NAME[] = "BpfServiceLoss";
   // Every service thread runs on processors 0, 1 and 2.
   static constexpr unsigned SERVICE_CPU_MASK = 0x7;
 
@@ -204,8 +212,10 @@ class KeloBpfService {
   int eventProduceThread() EXCLUDES(mutex, servicelock);
   int gpleventProduceThread() EXCLUDES(servicelock);
 
-  // Asks the endpoint to write to each connection, in order.
-  void notifyClientEventReady(const std::vector<int>& fds);
+  // Asks the endpoint to write to each connection, in order; the
+  // connections that could not be asked (their descriptor is no longer
+  // watched, or epoll refused).
+  std::vector<int> notifyClientEventReady(const std::vector<int>& fds);
 
   // Ring-buffer callback: counts the record, refuses a type above 7 (-1),
   // forwards it to its subscribers and runs its type's handler (0 when there
@@ -233,9 +243,15 @@ class KeloBpfService {
   int onClientLibConnection(int fd);
   int onClientLibClose(int fd);
   // Handles one request package (12-byte request header, then its data) and
-  // queues the response; 0. A header whose dataSize disagrees with `size`
-  // aborts the process.
+  // queues the response; 0. A header whose dataSize disagrees with `size` is
+  // logged as a failed check and refused with -1, which closes the
+  // connection.
   int onEventProvideReqCallBack(int fd, char* payload, unsigned int size);
+
+  // Loss accounting (the state file's loss lines read it; tests too).
+  LossLedger& lossLedger() { return losses; }
+  // Connections closed because they sent a damaged frame or request.
+  uint64_t badFramesClosed() const { return badFrames.load(std::memory_order_relaxed); }
 
   // Task event handlers of raw types 0 to 3.
   int handleKeloTaskInitEvent(char* data, long long size);
@@ -274,6 +290,7 @@ class KeloBpfService {
     const char* stopText;  // logged when the pump sees `running` cleared
     const char* ringbufPath;
     const char* statusPath;
+    const char* lostPath;
     // Brings the kernel's tracking state up to date between the two enable
     // steps.
     int (KeloBpfService::*seed)();
@@ -287,8 +304,13 @@ class KeloBpfService {
   // false (errno set) when the binding failed.
   static bool NameAndBindThread(const char* name);
   static cpu_set_t ServiceCpuSet();
-  // Routes signals 50 to 54 to the dump thread (made on first call).
+  // Routes signals 50 to 54 to the dump thread (made on first call). When
+  // the thread or its pipe cannot be made, the signals are still caught:
+  // each is refused, and logged by ReportRefusedDumps.
   static void InstallDumpSignalHandlers();
+  // Logs the dump requests refused since the last call; a pump calls it
+  // after every poll (one atomic load when there is nothing to log).
+  static void ReportRefusedDumps();
   // Body of "BpfServiceDump": runs one dump per signal number read.
   static void DumpThread(int requestFd);
 
@@ -304,6 +326,12 @@ class KeloBpfService {
   void joinProducers() EXCLUDES(mutex);
 
   int runPump(const PumpTraits& pump) EXCLUDES(servicelock);
+  // Starts "BpfServiceLoss" once.
+  void startLossReporter();
+  // The loss lines of the state file.
+  std::string stateSupplement();
+  // fd's queue, made (with its trim listener) when it has none.
+  IpcPackageManager& queueForLocked(int fd) REQUIRES(EventManager::keloRawEventManagerLock);
   int dispatchRecord(char* data, size_t size);
   int statusMapFd(int index) REQUIRES(servicelock);
   // Sets (enable) or clears `flag` in status entry 0 of ring `index`; true
@@ -347,6 +375,14 @@ class KeloBpfService {
   android::base::unique_fd processInodeMapFd;
   android::base::unique_fd processMmapInfosMapFd;
   const KeloBpfServiceConfig config;
+
+  // What was lost where, the kernel's lost counts and the thread telling
+  // clients; the reporter outlives every queue's trim listener (never
+  // destroyed, like the service).
+  LossLedger losses;
+  KernelLostCounters kernelLostCounters;
+  std::unique_ptr<LossReporter> lossReporter;
+  std::atomic<uint64_t> badFrames{0};
 
   // Guards `instance`, start/stop, the ring-buffer descriptors and every
   // read-modify-write of a status array. Never held while polling.

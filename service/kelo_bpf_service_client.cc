@@ -5,6 +5,8 @@
 #include <android-base/logging.h>
 #include <sys/types.h>
 
+#include <atomic>
+
 #include <cstring>
 
 #include "helper/kelo_bpf_helper_strings.h"
@@ -22,7 +24,7 @@ constexpr int32_t RESULT_REFUSED = -1;
 
 int KeloBpfService::onClientLibConnection(int fd) {
   MutexLock lock(EventManager::keloRawEventManagerLock);
-  clientPackageManagers.try_emplace(fd);
+  queueForLocked(fd);
   return 0;
 }
 
@@ -30,8 +32,12 @@ int KeloBpfService::onClientLibClose(int fd) {
   // Subscriptions go first, so that no producer queues an event for this
   // connection once its queue is gone.
   EventManager::GetInstance()->EraseObserver(fd);
-  MutexLock lock(EventManager::keloRawEventManagerLock);
-  clientPackageManagers.erase(fd);
+  {
+    MutexLock lock(EventManager::keloRawEventManagerLock);
+    clientPackageManagers.erase(fd);
+  }
+  // Only now can no trim of its queue happen any more.
+  losses.ConnectionClosed(fd);
   return 0;
 }
 
@@ -43,6 +49,8 @@ int KeloBpfService::onClientLibReadable(int fd, BufferState* readBufferState) {
     CHECK(readBufferState->read(ipcPackageHeaderSize) != nullptr);
     char* package = readBufferState->read(dataSize);
     if (packageHandler->handleSecondIpcPackage(fd, package, dataSize) != -1) continue;
+    // Refused frames are damaged ones: the connection is closed for them.
+    badFrames.fetch_add(1, std::memory_order_relaxed);
 
     const size_t frameSize = static_cast<size_t>(ipcPackageHeaderSize) + dataSize;
     KELO_LOGE(LOG_TAG_SERVICE,
@@ -77,18 +85,26 @@ int KeloBpfService::onEventProvideReqCallBack(int fd, char* payload, unsigned in
   // names the request).
   KeloReqIpcPackageHeader data[1] = {};
   memcpy(data, payload, size < sizeof(data) ? size : sizeof(data));
-  CHECK(((KeloReqIpcPackageHeader*)data)->dataSize == size - sizeof(KeloReqIpcPackageHeader));
+  // Sent by a client, so not the service's invariant: the request is refused
+  // and its connection closed, the service goes on.
+  if (!KELO_PEER_CHECK(LOG_TAG_SERVICE,
+                       ((KeloReqIpcPackageHeader*)data)->dataSize == size - sizeof(KeloReqIpcPackageHeader))) {
+    return -1;
+  }
   const KeloReqIpcPackageHeader& request = data[0];
 
   KeloRespIpcPackage response = {request.reqId, RESULT_REFUSED, 0, nullptr};
-  int32_t eventType = 0;
-  const bool hasEventType = request.dataSize >= sizeof(eventType);
-  if (hasEventType) memcpy(&eventType, payload + sizeof(KeloReqIpcPackageHeader), sizeof(eventType));
-  if (hasEventType && request.reqType == REQ_DEL_OBSERVER_EVENT) {
-    EventManager::GetInstance()->DelObserverEvent(fd, eventType);
+  int32_t argument = 0;
+  const bool hasArgument = request.dataSize >= sizeof(argument);
+  if (hasArgument) memcpy(&argument, payload + sizeof(KeloReqIpcPackageHeader), sizeof(argument));
+  if (hasArgument && request.reqType == REQ_DEL_OBSERVER_EVENT) {
+    EventManager::GetInstance()->DelObserverEvent(fd, argument);
     response.result = RESULT_OK;
-  } else if (hasEventType && request.reqType == REQ_ADD_OBSERVER_EVENT) {
-    EventManager::GetInstance()->AddObserverEvent(fd, eventType);
+  } else if (hasArgument && request.reqType == REQ_ADD_OBSERVER_EVENT) {
+    EventManager::GetInstance()->AddObserverEvent(fd, argument);
+    response.result = RESULT_OK;
+  } else if (hasArgument && request.reqType == REQ_SET_PACING && (argument == 0 || argument == 1)) {
+    EventManager::GetInstance()->SetPacing(fd, argument == 1);
     response.result = RESULT_OK;
   }
 
@@ -96,7 +112,7 @@ int KeloBpfService::onEventProvideReqCallBack(int fd, char* payload, unsigned in
   {
     MutexLock lock(EventManager::keloRawEventManagerLock);
     // Only this thread erases queues, so the queue outlives the lock.
-    queue = &clientPackageManagers.try_emplace(fd).first->second;
+    queue = &queueForLocked(fd);
   }
   queue->appendRespIpcPackage(&response);
   ipcManager->notifyNeedWriteData(fd);

@@ -10,6 +10,7 @@
 #include <exception>
 #include <memory>
 
+#include "service/kelo_bpf_event_pacing.h"
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "utils/kelo_bpf_log.h"
@@ -53,11 +54,11 @@ class PumpTallyScope {
 }  // namespace
 
 const KeloBpfService::PumpTraits KeloBpfService::NORMAL_PUMP = {
-    NORMAL_RINGBUF_INDEX, "eventMonitor",           "Stop Event Produce Thread...",
-    RINGBUF_MAP_PATH,     RINGBUF_STATUS_MAP_PATH, &KeloBpfService::initTaskInfo};
+    NORMAL_RINGBUF_INDEX,    "eventMonitor",        "Stop Event Produce Thread...", RINGBUF_MAP_PATH,
+    RINGBUF_STATUS_MAP_PATH, RINGBUF_LOST_MAP_PATH, &KeloBpfService::initTaskInfo};
 const KeloBpfService::PumpTraits KeloBpfService::GPL_PUMP = {
-    GPL_RINGBUF_INDEX,    "gpleventMonitor",           "Stop GPL Event Produce Thread...",
-    GPL_RINGBUF_MAP_PATH, GPL_RINGBUF_STATUS_MAP_PATH, &KeloBpfService::initDmabufBpfProg};
+    GPL_RINGBUF_INDEX,           "gpleventMonitor",         "Stop GPL Event Produce Thread...", GPL_RINGBUF_MAP_PATH,
+    GPL_RINGBUF_STATUS_MAP_PATH, GPL_RINGBUF_LOST_MAP_PATH, &KeloBpfService::initDmabufBpfProg};
 
 int KeloBpfService::eventMonitor() { return runPump(NORMAL_PUMP); }
 
@@ -98,6 +99,12 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
     return -1;
   }
 
+  // Losses from here on are the service's to count and tell: the kernel's
+  // counts are taken as they stand before any event is enabled.
+  kernelLostCounters.Open(pump.index, pinnedPath(pump.lostPath));
+  const RingFillGauge gauge(ringbufFd);
+  const RingFillGauge::Scope gaugeScope(&gauge);
+
   // Core events (task creation and exit) flow before the seeding starts, so
   // that a change made while it runs is not missed; the other events only
   // after it, so that they meet seeded state.
@@ -122,13 +129,14 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
     // woken, before the pump waits again.
     tally.Flush();
     wakeups.Flush();
+    ReportRefusedDumps();
     if (result >= 0) {
-      checkBpfRingBuffStatus(pump.index, false);
+      if (!checkBpfRingBuffStatus(pump.index, false)) lossReporter->NoteRingFull();
       failures = 0;
       continue;
     }
     const int pollErrno = errno;
-    checkBpfRingBuffStatus(pump.index, true);
+    if (!checkBpfRingBuffStatus(pump.index, true)) lossReporter->NoteRingFull();
     // A signal (a dump request among them) interrupted the wait.
     if (pollErrno == EINTR) continue;
     KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: ret %d .Error ring buf poll. %s", pump.method, result,
@@ -158,6 +166,10 @@ int KeloBpfService::dispatchRecord(char* data, size_t size) {
     return -1;
   }
   memcpy(&type, data, sizeof(type));
+  // Records come, so the ring may be overflowing: the kernel's lost counts
+  // are read within a second. Told per record, since one poll lasts as long
+  // as records keep coming.
+  lossReporter->NoteRecords();
   if (pumpTally != nullptr) {
     pumpTally->Add(static_cast<int>(type));
   } else {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "helper/kelo_bpf_helper_strings.h"
 #include "utils/kelo_bpf_log.h"
@@ -111,8 +112,10 @@ void EventTally::Flush() {
 void KeloBpfDataState::DumpState() {
   // 64 KiB: too much for the stack of a small thread.
   auto window = std::make_unique<Window>();
+  std::function<std::string()> supplement;
   {
     MutexLock lock(lock_);
+    supplement = supplement_;
     window->curIndex = curIndex_.load(std::memory_order_relaxed);
     window->firstIndex = firstIndex_;
     for (int slot = 0; slot < STATE_WINDOW_SECONDS; ++slot) {
@@ -145,7 +148,13 @@ void KeloBpfDataState::DumpState() {
     for (int kind = 0; kind < STATE_COUNTER_POLL; ++kind) events = WrapAdd(events, c[kind]);
     text += StringPrintf(STATE_ROW_FORMAT, events, c[0], c[1], c[2], c[3], c[4], c[5], c[6], c[7], c[8]);
   }
+  if (supplement) text += supplement();
   android::base::WriteStringToFd(text, file);
+}
+
+void KeloBpfDataState::SetSupplement(std::function<std::string()> supplement) {
+  MutexLock lock(lock_);
+  supplement_ = std::move(supplement);
 }
 
 void DumpState(int) { KeloBpfDataState::GetInstance()->DumpState(); }

@@ -11,6 +11,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <string>
 
 #include "utils/kelo_bpf_mutex.h"
 
@@ -61,8 +63,14 @@ class KeloBpfDataState {
   void RecordEvents(const int32_t (&counts)[STATE_COUNTER_KINDS]) EXCLUDES(lock_);
 
   // Rewrites KELOTASK_DUMP_TEMPLATE with the window. Takes the lock only to
-  // copy the counters, so it must not run in signal context.
+  // copy the counters, so it must not run in signal context. The
+  // supplement's lines, if one is set, follow the window's rows.
   void DumpState() EXCLUDES(lock_);
+
+  // Lines (each ending in "\r\n") written after the rows of every dump,
+  // asked for on the dumping thread; the service sets them once. A window
+  // without a supplement writes its rows and nothing else.
+  void SetSupplement(std::function<std::string()> supplement) EXCLUDES(lock_);
 
  private:
   // A copy of the window, as a dump writes it.
@@ -90,6 +98,7 @@ class KeloBpfDataState {
   std::atomic<int32_t> curIndex_{0};
   int32_t firstIndex_ GUARDED_BY(lock_) = 0;
   std::atomic<int32_t> slots_[STATE_WINDOW_SECONDS][STATE_COUNTER_KINDS] = {};
+  std::function<std::string()> supplement_ GUARDED_BY(lock_);
 };
 
 // Counts of one thread's run of events, handed to the window in one go. A

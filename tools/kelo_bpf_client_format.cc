@@ -84,6 +84,17 @@ std::string DmabufOp(uint32_t op) {
   }
 }
 
+std::string LossSite(uint32_t site) {
+  switch (site) {
+    case KELO_LOSS_SITE_KERNEL:
+      return "kernel";
+    case KELO_LOSS_SITE_QUEUE:
+      return "queue";
+    default:
+      return StringPrintf("unknown(%u)", site);
+  }
+}
+
 uint64_t Ts(const kelo_event_header& header) { return static_cast<uint64_t>(header.ts); }
 
 // The four rss figures, file, anon, swap, shmem, as "<prefix>file=.. ...".
@@ -190,6 +201,14 @@ bool FormatKnown(uint32_t type, const char* bytes, size_t size, std::string* lin
                            RssFigures("", rss).c_str(), RssFigures("old_", rssOld).c_str());
       return true;
     }
+    case KELO_CLIENT_EVENT_EVENTS_LOST: {
+      kelo_events_lost_client_event e;
+      if (!CopyRecord(bytes, size, &e)) return false;
+      *line = StringPrintf("%s lost_type=%d site=%s count=%" PRIu64 " first_ts=%" PRIu64 " last_ts=%" PRIu64, name,
+                           e.lost_type, LossSite(e.site).c_str(), static_cast<uint64_t>(e.count),
+                           static_cast<uint64_t>(e.first_ts), static_cast<uint64_t>(e.last_ts));
+      return true;
+    }
     default:
       return false;
   }
@@ -223,6 +242,8 @@ const char* ClientEventTypeName(uint32_t type) {
       return "thread_count";
     case KELO_CLIENT_EVENT_RSS_CHANGE:
       return "rss_change";
+    case KELO_CLIENT_EVENT_EVENTS_LOST:
+      return "lost";
     default:
       return nullptr;
   }

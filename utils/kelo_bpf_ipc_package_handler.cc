@@ -34,10 +34,14 @@ int IpcPackageHandler::handleSecondIpcPackage(int fd, char* package, uint32_t si
   KeloIpcSecondLevelPackageHeader header{};
   if (size != 0) memcpy(&header, package, std::min<size_t>(size, sizeof(header)));
   const KeloIpcSecondLevelPackageHeader* const packagePtr = &header;
-  CHECK(packagePtr->size == size - sizeof(KeloIpcSecondLevelPackageHeader));
-  const IpcPackageHandlerFunc& handler = handlers[packagePtr->type];
-  if (!handler) return 0;
-  return handler(fd, package + sizeof(KeloIpcSecondLevelPackageHeader), packagePtr->size);
+  // The peer wrote both sizes: a disagreement is its fault, refused with -1
+  // (the caller may close the connection), not a reason to abort.
+  if (!KELO_PEER_CHECK(LOG_TAG_UTILS, packagePtr->size == size - sizeof(KeloIpcSecondLevelPackageHeader))) return -1;
+  // Looked up without inserting: a peer sending many unknown types must not
+  // grow the map.
+  auto entry = handlers.find(packagePtr->type);
+  if (entry == handlers.end() || !entry->second) return 0;
+  return entry->second(fd, package + sizeof(KeloIpcSecondLevelPackageHeader), packagePtr->size);
 }
 
 uint32_t IpcReqCallBackManager::getReqId() {

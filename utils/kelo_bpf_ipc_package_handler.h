@@ -31,8 +31,12 @@ class IpcPackageHandler {
   bool handleAllIpcPackageInBuffer(int fd, BufferState* readBuffer);
   // Dispatches the level-2 package of `size` bytes at `package` and returns
   // the handler's result, 0 when the type has no handler. A header whose size
-  // field disagrees with `size` is a fatal error.
+  // field disagrees with `size` is logged ("Check failed: ...") and refused
+  // with -1.
   int handleSecondIpcPackage(int fd, char* package, uint32_t size);
+
+  // Number of package types with an entry; lookups never add one.
+  size_t handlerCount() const { return handlers.size(); }
 
  private:
   std::map<uint32_t, IpcPackageHandlerFunc> handlers;

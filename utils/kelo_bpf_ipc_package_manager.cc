@@ -55,15 +55,25 @@ void IpcPackageManager::appendReqIpcPackage(KeloReqIpcPackage* req) {
                 AppendForm::REQUEST);
 }
 
-bool IpcPackageManager::buildAndAppendSecondIpcPackage(uint32_t type, const char* data, uint32_t size) {
-  if (type > IPC_PACKAGE_TYPE_MAX) return false;
+KeloIpcPackage IpcPackageManager::SerialiseSecondLevel(uint32_t type, const char* data, uint32_t size) {
   KeloIpcPackage package;
   package.size = SECOND_LEVEL_HEADER_SIZE + size;
   package.data.resize(package.size);
   const KeloIpcSecondLevelPackageHeader header{type, size};
   memcpy(package.data.data(), &header, sizeof(header));
   if (size != 0) memcpy(package.data.data() + SECOND_LEVEL_HEADER_SIZE, data, size);
-  appendPackage(std::move(package), AppendForm::SECOND_LEVEL);
+  return package;
+}
+
+bool IpcPackageManager::buildAndAppendSecondIpcPackage(uint32_t type, const char* data, uint32_t size) {
+  if (type > IPC_PACKAGE_TYPE_MAX) return false;
+  appendPackage(SerialiseSecondLevel(type, data, size), AppendForm::SECOND_LEVEL);
+  return true;
+}
+
+bool IpcPackageManager::buildAndPushFrontSecondIpcPackage(uint32_t type, const char* data, uint32_t size) {
+  if (type > IPC_PACKAGE_TYPE_MAX) return false;
+  appendPackage(SerialiseSecondLevel(type, data, size), AppendForm::SECOND_LEVEL, true);
   return true;
 }
 
@@ -75,7 +85,7 @@ void IpcPackageManager::buildAndAppendIpcPackage(const char* data, uint32_t size
   appendPackage(std::move(package), AppendForm::BUILD_AND_APPEND);
 }
 
-void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form) {
+void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form, bool front) {
   int errorCode = Kelo::Bpf::ERROR_CODE_QUEUE_FULL_BUILD_AND_APPEND;
   const char* overflowText = "[BuildAndAppendIpc] ipc Package Queue too big: %zu";
   switch (form) {
@@ -95,16 +105,28 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form)
       break;
   }
 
-  MutexLock lock(mutex);
-  if (queue.size() > IPC_QUEUE_HIGH_WATER) {
-    Kelo::Bpf::RecordBpfServiceErrorInfo(
-        errorCode, Kelo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(IPC_QUEUE_HIGH_WATER)));
-    KELO_LOGE(LOG_TAG_UTILS, overflowText, queue.size());
-    while (queue.size() > IPC_QUEUE_LOW_WATER) queue.pop_front();
+  // Freed (and shown to the listener) once the lock is let go.
+  std::deque<KeloIpcPackage> removed;
+  {
+    MutexLock lock(mutex);
+    if (queue.size() > IPC_QUEUE_HIGH_WATER) {
+      Kelo::Bpf::RecordBpfServiceErrorInfo(
+          errorCode, Kelo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(IPC_QUEUE_HIGH_WATER)));
+      KELO_LOGE(LOG_TAG_UTILS, overflowText, queue.size());
+      while (queue.size() > IPC_QUEUE_LOW_WATER) {
+        removed.push_back(std::move(queue.front()));
+        queue.pop_front();
+      }
+    }
+    if (front) {
+      queue.push_front(std::move(package));
+    } else {
+      queue.push_back(std::move(package));
+    }
+    count.store(queue.size(), std::memory_order_relaxed);
+    if (waiters != 0) eventReady.notify_all();
   }
-  queue.push_back(std::move(package));
-  count.store(queue.size(), std::memory_order_relaxed);
-  if (waiters != 0) eventReady.notify_all();
+  if (!removed.empty() && trimListener) trimListener(removed);
 }
 
 void IpcPackageManager::popFront() {

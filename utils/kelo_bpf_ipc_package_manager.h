@@ -10,6 +10,8 @@
 //
 // Every append copies what it is given; serialisation happens before the
 // queue's lock is taken, so the critical section is the trim and one push.
+// Trimmed packages are freed, and shown to the queue's trim listener, after
+// the lock is let go.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -19,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 
 #include "utils/kelo_bpf_ipc_package.h"
 #include "utils/kelo_bpf_mutex.h"
@@ -28,6 +31,10 @@ inline constexpr size_t IPC_QUEUE_LOW_WATER = 5000;
 
 class IpcPackageManager {
  public:
+  // Shown the packages one trim removed, oldest first, on the appending
+  // thread after the queue's lock is let go; they are freed when it returns.
+  using TrimListener = std::function<void(const std::deque<KeloIpcPackage>& removed)>;
+
   IpcPackageManager() = default;
   IpcPackageManager(const IpcPackageManager&) = delete;
   IpcPackageManager& operator=(const IpcPackageManager&) = delete;
@@ -41,6 +48,14 @@ class IpcPackageManager {
   bool buildAndAppendSecondIpcPackage(uint32_t type, const char* data, uint32_t size);
   // Queues `size` bytes that already form a level-2 package.
   void buildAndAppendIpcPackage(const char* data, uint32_t size);
+  // As buildAndAppendSecondIpcPackage, but ahead of everything queued: the
+  // package is the next one sent. It counts towards the bound like any other
+  // (a trim that it causes happens before it is queued).
+  bool buildAndPushFrontSecondIpcPackage(uint32_t type, const char* data, uint32_t size);
+
+  // Sets the listener of this queue's trims; call before the queue is shared
+  // between threads.
+  void setTrimListener(TrimListener listener) { trimListener = std::move(listener); }
 
   // Moves the oldest package into `buffer` if it fits in the free space.
   // False when the queue is empty, when there is no room yet (the package
@@ -76,11 +91,16 @@ class IpcPackageManager {
     return !sendRequested.exchange(true);
   }
   void beginSend() { sendRequested.store(false); }
+  // For a producer whose wake-up of the sender failed after requestSend
+  // returned true: the next append asks again, instead of every later one
+  // taking the failed request for a pending one.
+  void cancelSendRequest() { sendRequested.store(false); }
 
  private:
   // The four append forms differ only in their error-log code and log text.
   enum class AppendForm { BUILD_AND_APPEND, SECOND_LEVEL, REQUEST, RESPONSE };
-  void appendPackage(KeloIpcPackage&& package, AppendForm form) EXCLUDES(mutex);
+  void appendPackage(KeloIpcPackage&& package, AppendForm form, bool front = false) EXCLUDES(mutex);
+  static KeloIpcPackage SerialiseSecondLevel(uint32_t type, const char* data, uint32_t size);
   // Removes the front package when it can never be sent through `bufferState`;
   // true if it did.
   bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) REQUIRES(mutex);
@@ -99,4 +119,6 @@ class IpcPackageManager {
   std::atomic<size_t> count{0};
   // A producer has asked the sender for a write that it has not begun yet.
   std::atomic<bool> sendRequested{false};
+  // Fixed before the queue is shared.
+  TrimListener trimListener;
 };

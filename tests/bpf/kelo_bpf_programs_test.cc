@@ -383,9 +383,23 @@ TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
   EXPECT_NE(moves[0].dst_id, 0u);
 }
 
-// With a ring buffer too small for the load, the programs flag the overflow
-// and leave the ring's positions where the service's watchdog reads them.
-TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagAndRecordsPositions) {
+// Per type, the lost counts of all CPUs added up.
+std::vector<uint64_t> LostByType(int lostFd) {
+  const int cpus = libbpf_num_possible_cpus();
+  std::vector<uint64_t> totals;
+  for (uint32_t type = 0; type < KELO_RB_LOST_ENTRIES; ++type) {
+    std::vector<kelo_ringbuf_lost> perCpu(static_cast<size_t>(cpus));
+    EXPECT_EQ(bpf_map_lookup_elem(lostFd, &type, perCpu.data()), 0) << type;
+    totals.push_back(0);
+    for (const kelo_ringbuf_lost& cpu : perCpu) totals.back() += cpu.records;
+  }
+  return totals;
+}
+
+// With a ring buffer too small for the load, the programs flag the overflow,
+// count every record they could not write under its type and leave the
+// ring's positions where the service's watchdog reads them.
+TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagCountsLossesAndRecordsPositions) {
   constexpr uint32_t kTinyRing = 4096;
   constexpr char kFork[] = "sched_sched_process_fork";
   std::unique_ptr<bpf_object, void (*)(bpf_object*)> object(bpf_object__open_file(KELO_BPF_NORMAL_OBJ, nullptr),
@@ -412,8 +426,12 @@ TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagAndRecordsPositions) {
                                        "sched_process_fork"));
   ASSERT_GE(link.get(), 0);
 
+  const int lostFd = bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_lost"));
+  ASSERT_EQ(LostByType(lostFd), std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0));
+
   constexpr size_t kRecordSpace = sizeof(kelo_task_create_event) + 8;  // plus ring header
-  for (size_t i = 0; i <= kTinyRing / kRecordSpace; ++i) RunChild();
+  constexpr size_t kChildren = 2 * kTinyRing / kRecordSpace;
+  for (size_t i = 0; i < kChildren; ++i) RunChild();
   link.reset();
 
   EXPECT_EQ(entry(KELO_RB_STATUS_FLAGS), uint64_t{KELO_RB_FLAG_CORE | KELO_RB_FLAG_FULL});
@@ -423,7 +441,15 @@ TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagAndRecordsPositions) {
   EXPECT_EQ(entry(KELO_RB_STATUS_PROD_POS) - entry(KELO_RB_STATUS_CONS_POS), avail);
   auto reader = RingBufferReader::Create(bpf_map__fd(ring));
   ASSERT_NE(reader, nullptr);
-  EXPECT_EQ(reader->Drain().size(), avail / kRecordSpace);
+  const size_t stored = reader->Drain().size();
+  EXPECT_EQ(stored, avail / kRecordSpace);
+
+  // Forks of other processes on this machine are counted too, so the
+  // children are a lower bound of what the program tried to write.
+  std::vector<uint64_t> lost = LostByType(lostFd);
+  EXPECT_GE(stored + lost[KELO_EVENT_TASK_CREATE], kChildren);
+  lost[KELO_EVENT_TASK_CREATE] = 0;
+  EXPECT_EQ(lost, std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0)) << "only fork records were lost";
 }
 
 }  // namespace

@@ -42,6 +42,23 @@ TEST(ClientFormat, DecodesRawAndDerivedRecordsAtAnyAlignment) {
             "old_file=0 old_anon=0 old_swap=0 old_shmem=-1");
 }
 
+TEST(ClientFormat, DecodesLossReportsAtAnyAlignment) {
+  kelo_events_lost_client_event lost{};
+  lost.type = KELO_CLIENT_EVENT_EVENTS_LOST;
+  lost.lost_type = KELO_EVENT_TASK_EXIT;
+  lost.site = KELO_LOSS_SITE_KERNEL;
+  lost.count = 1ULL << 33;
+  lost.first_ts = 81234567890123ULL;
+  lost.last_ts = 81234567890124ULL;
+  EXPECT_EQ(Format(Misaligned(lost)),
+            "lost lost_type=3 site=kernel count=8589934592 first_ts=81234567890123 last_ts=81234567890124");
+  lost.lost_type = KELO_CLIENT_EVENT_PROCESS_CREATE;
+  lost.site = KELO_LOSS_SITE_QUEUE;
+  EXPECT_EQ(Format(Misaligned(lost)).substr(0, 36), "lost lost_type=50001 site=queue coun");
+  lost.site = 9;
+  EXPECT_NE(Format(Misaligned(lost)).find(" site=unknown(9) "), std::string::npos);
+}
+
 TEST(ClientFormat, KeepsLinesSplittableAndNamesUnknownValues) {
   kelo_task_exit_event exit{};
   exit.header.type = KELO_EVENT_TASK_EXIT;

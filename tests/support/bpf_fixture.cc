@@ -136,14 +136,47 @@ bool StatusArray::Set(uint32_t key, uint64_t value) {
   return set;
 }
 
+std::unique_ptr<LostCounts> LostCounts::Create(const std::string& path) {
+  unique_fd fd = CreatePinnedMap(path, BPF_MAP_TYPE_PERCPU_ARRAY, sizeof(uint32_t), sizeof(kelo_ringbuf_lost),
+                                 KELO_RB_LOST_ENTRIES);
+  return fd.ok() ? std::unique_ptr<LostCounts>(new LostCounts(std::move(fd))) : nullptr;
+}
+
+std::vector<kelo_ringbuf_lost> LostCounts::read(uint32_t type) const {
+  std::vector<kelo_ringbuf_lost> perCpu(static_cast<size_t>(libbpf_num_possible_cpus()));
+  if (bpf_map_lookup_elem(map_.get(), &type, perCpu.data()) != 0) {
+    ADD_FAILURE() << "lost count lookup of type " << type << ": " << std::strerror(errno);
+    return {};
+  }
+  return perCpu;
+}
+
+bool LostCounts::Add(uint32_t type, uint64_t records, int cpu) {
+  std::vector<kelo_ringbuf_lost> perCpu = read(type);
+  if (cpu < 0 || static_cast<size_t>(cpu) >= perCpu.size()) return false;
+  perCpu[static_cast<size_t>(cpu)].records += records;
+  const bool set = bpf_map_update_elem(map_.get(), &type, perCpu.data(), BPF_ANY) == 0;
+  if (!set) ADD_FAILURE() << "lost count update of type " << type << ": " << std::strerror(errno);
+  return set;
+}
+
+uint64_t LostCounts::Total(uint32_t type) const {
+  uint64_t total = 0;
+  for (const kelo_ringbuf_lost& cpu : read(type)) total += cpu.records;
+  return total;
+}
+
 std::unique_ptr<ServiceRingBuffers> ServiceRingBuffers::Create() {
   auto rings = std::make_unique<ServiceRingBuffers>();
   rings->normal = RingBufferFixture::Create(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_map"), KELO_RINGBUF_BYTES);
   rings->normalStatus = StatusArray::Create(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status"));
+  rings->normalLost = LostCounts::Create(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_lost"));
   rings->gpl =
       RingBufferFixture::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_map"), KELO_GPL_RINGBUF_BYTES);
   rings->gplStatus = StatusArray::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_status"));
-  const bool complete = rings->normal && rings->normalStatus && rings->gpl && rings->gplStatus;
+  rings->gplLost = LostCounts::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_lost"));
+  const bool complete = rings->normal && rings->normalStatus && rings->normalLost && rings->gpl && rings->gplStatus &&
+                        rings->gplLost;
   return complete ? std::move(rings) : nullptr;
 }
 

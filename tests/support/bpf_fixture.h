@@ -81,16 +81,36 @@ class StatusArray {
   android::base::unique_fd map_;
 };
 
-// Both ring buffers and both status arrays at the paths the service's pumps
-// open ("/sys/fs/bpf/kelo/map_KeloBpfDefineset_ringbuf_map" and the rest),
-// status entries all 0.
+// A ring buffer's counts of records its programs could not write
+// (KELO_RB_LOST_ENTRIES per-CPU entries of struct kelo_ringbuf_lost).
+class LostCounts {
+ public:
+  static std::unique_ptr<LostCounts> Create(const std::string& path);
+
+  // Adds `records` to processor `cpu`'s count of `type`, as a program that
+  // found the ring full there would.
+  bool Add(uint32_t type, uint64_t records, int cpu = 0);
+  // The count of `type` over all processors; 0 after a reported failure.
+  uint64_t Total(uint32_t type) const;
+
+ private:
+  explicit LostCounts(android::base::unique_fd map) : map_(std::move(map)) {}
+  std::vector<kelo_ringbuf_lost> read(uint32_t type) const;
+  android::base::unique_fd map_;
+};
+
+// Both ring buffers, both status arrays and both lost counts at the paths
+// the service's pumps open ("/sys/fs/bpf/kelo/map_KeloBpfDefineset_ringbuf_map"
+// and the rest), status entries and counts all 0.
 struct ServiceRingBuffers {
   static std::unique_ptr<ServiceRingBuffers> Create();
 
   std::unique_ptr<RingBufferFixture> normal;
   std::unique_ptr<StatusArray> normalStatus;
+  std::unique_ptr<LostCounts> normalLost;
   std::unique_ptr<RingBufferFixture> gpl;
   std::unique_ptr<StatusArray> gplStatus;
+  std::unique_ptr<LostCounts> gplLost;
 };
 
 // Consumes a ring buffer through libbpf's ring_buffer, collecting each

@@ -76,14 +76,25 @@ TEST_F(PackageHandlerTest, DispatchesWholeFramesAndKeepsTheRest) {
   EXPECT_THAT(seen, ElementsAre("7:2:one", "7:2:", "7:2:third", "7:3:stop", "7:2:last"));
 }
 
-TEST(PackageHandlerDeathTest, MismatchedSizeFieldIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  IpcPackageHandler handler({});
+// The sizes are the peer's: a disagreement is refused with -1 and logged as
+// the failed check at error priority, never fatal; unknown types are
+// dropped without the table growing.
+TEST_F(PackageHandlerTest, MismatchedSizeFieldIsRefusedAndUnknownTypesLeaveTheTableAsItIs) {
+  IpcPackageHandler handler({{2, recorder(2, 0)}});
+  kelo_test::LogCapture log;
   std::string package = U32(2) + U32(5) + "abcd";  // says 5, carries 4
-  EXPECT_DEATH(handler.handleSecondIpcPackage(1, package.data(), package.size()),
-               "Check failed: packagePtr->size == size - sizeof\\(KeloIpcSecondLevelPackageHeader\\)");
+  EXPECT_EQ(handler.handleSecondIpcPackage(1, package.data(), package.size()), -1);
   std::string tooShort = U32(2);
-  EXPECT_DEATH(handler.handleSecondIpcPackage(1, tooShort.data(), tooShort.size()), "Check failed: packagePtr->size");
+  EXPECT_EQ(handler.handleSecondIpcPackage(1, tooShort.data(), tooShort.size()), -1);
+  EXPECT_EQ(log.count("BpfUtils E"), 2);
+  EXPECT_EQ(log.count("Check failed: packagePtr->size == size - sizeof(KeloIpcSecondLevelPackageHeader)\n"), 2);
+  EXPECT_TRUE(seen.empty());
+
+  for (uint32_t type = 3; type < 1003; ++type) {
+    std::string unknown = U32(type) + U32(0);
+    EXPECT_EQ(handler.handleSecondIpcPackage(1, unknown.data(), unknown.size()), 0);
+  }
+  EXPECT_EQ(handler.handlerCount(), 1u);
 }
 
 // Routing over a real connection, ids from 0 and repeated answers are in the
