@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 namespace Kelo {
 namespace Bpf {
@@ -29,18 +30,27 @@ constexpr const char* STATE_COLUMNS[STATE_KINDS] = {
     "kelo_task_init",   "kmem_rss_info",  "sched_task_create", "sched_task_exit", "dmabuf_size_info",
     "cgroup_attach_cpuset_info", "fd_update_info", "dmabuf_update", "PollCount"};
 
-bool ParseInt64(const std::string& text, int64_t* value) {
-  if (text.empty()) return false;
-  errno = 0;
-  char* end = nullptr;
-  const long long parsed = strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0') return false;
+bool ParseInt64(std::string_view text, int64_t* value) {
+  // Digits with an optional sign, within the range of int64_t.
+  size_t i = 0;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '-' || text[i] == '+')) negative = text[i++] == '-';
+  if (i == text.size()) return false;
+  int64_t parsed = 0;
+  for (; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+    const int digit = text[i] - '0';
+    if (__builtin_mul_overflow(parsed, 10, &parsed) ||
+        __builtin_add_overflow(parsed, negative ? -digit : digit, &parsed)) {
+      return false;
+    }
+  }
   *value = parsed;
   return true;
 }
 
 template <typename Int>
-bool ParseInt(const std::string& text, Int* value) {
+bool ParseInt(std::string_view text, Int* value) {
   int64_t wide = 0;
   if (!ParseInt64(text, &wide)) return false;
   if (wide < static_cast<int64_t>(std::numeric_limits<Int>::min()) ||
@@ -53,10 +63,11 @@ bool ParseInt(const std::string& text, Int* value) {
 
 struct Token {
   size_t begin;
-  std::string text;
+  std::string_view text;
 };
 
-std::vector<Token> Tokens(const std::string& line) {
+// The blank-separated words of `line`, pointing into it.
+std::vector<Token> Tokens(std::string_view line) {
   std::vector<Token> tokens;
   size_t i = 0;
   while (i < line.size()) {
@@ -74,13 +85,13 @@ bool Size(const std::vector<Token>& t, size_t at, int64_t* kb) {
   return t[at + 1].text == "KB" && ParseInt64(t[at].text, kb);
 }
 
-bool ParseRow(const std::string& line, bool full, TaskDumpRow* row) {
+bool ParseRow(std::string_view line, bool full, TaskDumpRow* row) {
   const std::vector<Token> tokens = Tokens(line);
   const size_t need = full ? FULL_ROW_TOKENS : SHORT_ROW_TOKENS;
   if (tokens.size() < need) return false;
   const size_t first = tokens.size() - need;
   size_t at = first;
-  const auto next = [&]() -> const std::string& { return tokens[at++].text; };
+  const auto next = [&]() { return tokens[at++].text; };
   TaskDumpRow r;
   if (!ParseInt(next(), &r.pid) || !ParseInt(next(), &r.ppid) || !ParseInt(next(), &r.threads)) return false;
   if (full && !ParseInt(next(), &r.oldThreads)) return false;
@@ -94,7 +105,7 @@ bool ParseRow(const std::string& line, bool full, TaskDumpRow* row) {
   }
   if (!ParseInt64(next(), &r.initTime)) return false;
   // The name, its padding and the three blanks before the pid column.
-  std::string comm = line.substr(0, tokens[first].begin);
+  std::string comm(line.substr(0, tokens[first].begin));
   while (!comm.empty() && comm.back() == ' ') comm.pop_back();
   r.comm = comm;
   *row = std::move(r);
@@ -129,6 +140,7 @@ bool ParseTaskDump(const std::string& text, TaskDump* dump, std::string* problem
     return false;
   }
   out.full = lines[1].find(DUMP_FULL_MARK) != std::string::npos;
+  out.rows.reserve(lines.size() - 2);
   std::string pending;  // leading pieces of a name with newlines
   bool havePending = false;
   for (size_t i = 2; i < lines.size(); ++i) {
@@ -235,7 +247,7 @@ int CountConnectedClients(const std::string& table, const std::string& socketNam
     if (tokens.size() < 8 || tokens[0].text.back() != ':') continue;
     const std::string path = line.substr(tokens[7].begin);
     if (path != "@" + socketName && path != socketName) continue;
-    const unsigned long flags = strtoul(tokens[3].text.c_str(), nullptr, 16);
+    const unsigned long flags = strtoul(std::string(tokens[3].text).c_str(), nullptr, 16);
     if ((flags & ACCEPTING) != 0 || tokens[5].text != CONNECTED) continue;
     ++count;
   }

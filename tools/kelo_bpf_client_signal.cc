@@ -32,26 +32,6 @@ bool Fail(ClientError* error, int status, std::string message) {
   return false;
 }
 
-// A connected stream socket to `name` as a file-system path, else as an
-// abstract name; -1 with errno of the last attempt.
-int ConnectTo(const std::string& name) {
-  for (bool abstract : {false, true}) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const size_t offset = abstract ? 1 : 0;
-    if (name.size() + offset >= sizeof(address.sun_path)) {
-      errno = ENAMETOOLONG;
-      return -1;
-    }
-    memcpy(address.sun_path + offset, name.data(), name.size());
-    const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + offset + name.size());
-    android::base::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) return -1;
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0) return fd.release();
-  }
-  return -1;
-}
-
 std::string UserName(uid_t uid) {
   passwd entry;
   passwd* found = nullptr;
@@ -134,6 +114,24 @@ bool WaitForChange(const std::string& path, const FileStamp& before, double time
 
 }  // namespace
 
+int ConnectToService(const std::string& name) {
+  for (bool abstract : {false, true}) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t offset = abstract ? 1 : 0;
+    if (name.size() + offset >= sizeof(address.sun_path)) {
+      errno = ENAMETOOLONG;
+      return -1;
+    }
+    memcpy(address.sun_path + offset, name.data(), name.size());
+    const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + offset + name.size());
+    android::base::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return -1;
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0) return fd.release();
+  }
+  return -1;
+}
+
 bool FindServicePid(const std::string& pidFile, const std::string& socketName, pid_t* pid, ClientError* error) {
   if (!pidFile.empty()) {
     std::string text;
@@ -156,7 +154,7 @@ bool FindServicePid(const std::string& pidFile, const std::string& socketName, p
     *pid = static_cast<pid_t>(value);
     return true;
   }
-  android::base::unique_fd fd(ConnectTo(socketName));
+  android::base::unique_fd fd(ConnectToService(socketName));
   if (fd.get() < 0) {
     return Fail(error, CLIENT_EXIT_NO_SERVICE,
                 "no service is listening on " + socketName + ": " + strerror(errno) + " (is kelobpfd running?)");

@@ -33,6 +33,11 @@ struct ClientError {
   std::string message;
 };
 
+// A blocking, close-on-exec stream socket connected to `name` taken as a
+// file-system path, else as an abstract name; -1 with errno of the last
+// attempt.
+int ConnectToService(const std::string& name);
+
 // The pid of the service: from `pidFile` when it is not empty, else from the
 // peer of a connection to `socketName` (a file-system path, then an
 // abstract name). CLIENT_EXIT_NO_SERVICE when there is no pid file, it holds

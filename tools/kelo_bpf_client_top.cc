@@ -1,11 +1,12 @@
 // `kelobpf-client top`: the service's process table, live.
 //
-// 1. Finds the service and subscribes to the derived events 50001 to 50004,
-//    waiting (up to the timeout) until the subscriptions are confirmed, so
-//    that nothing that happens after the dump is missed.
+// 1. Finds the service and subscribes to the derived events 50001 to 50004
+//    on a connection of its own (tools/kelo_bpf_client_feed.h), waiting (up
+//    to the timeout) until the subscriptions are confirmed, so that nothing
+//    that happens after the dump is missed.
 // 2. Sends signal 51 and loads the task dump it writes.
-// 3. Every `delay` seconds takes a snapshot of the table (kept current by the
-//    subscriber's worker) and prints it: on a terminal as a full-screen
+// 3. Every `delay` seconds reads the events that came meanwhile into the
+//    table, takes a snapshot and prints it: on a terminal as a full-screen
 //    redraw (alternate screen, cursor home, each line cleared to its end),
 //    cut to the terminal's size; otherwise, or with -b, as plain text with
 //    every row, one block per refresh, separated by a blank line.
@@ -13,12 +14,10 @@
 #include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -30,7 +29,7 @@
 #include "bpf/kelo_bpf_events.h"
 #include "tools/kelo_bpf_client_commands.h"
 #include "tools/kelo_bpf_client_figures.h"
-#include "tools/kelo_bpf_client_lib.h"
+#include "tools/kelo_bpf_client_feed.h"
 #include "tools/kelo_bpf_client_stop.h"
 #include "tools/kelo_bpf_client_top_table.h"
 #include "tools/kelo_bpf_client_types.h"
@@ -93,8 +92,9 @@ std::string Clock() {
 
 // A rendered frame for a terminal: every line cleared to its end, the rest
 // of the screen cleared below it.
-std::string ScreenFrame(const std::string& rendered) {
-  std::string frame = HOME;
+void ScreenFrame(const std::string& rendered, std::string* out) {
+  std::string& frame = *out;
+  frame = HOME;
   size_t start = 0;
   while (start < rendered.size()) {
     size_t end = rendered.find('\n', start);
@@ -106,7 +106,6 @@ std::string ScreenFrame(const std::string& rendered) {
     start = end + 1;
   }
   frame += CLEAR_BELOW;
-  return frame;
 }
 
 }  // namespace
@@ -115,8 +114,7 @@ int RunTop(const TopOptions& options) {
   const bool interactive = !options.batch && isatty(STDOUT_FILENO);
   const bool keys = interactive && isatty(STDIN_FILENO);
   android::base::unique_fd signalFd = BlockStopSignals({SIGWINCH});
-  android::base::unique_fd subscribedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (signalFd.get() < 0 || subscribedFd.get() < 0) {
+  if (signalFd.get() < 0) {
     std::fprintf(stderr, "kelobpf-client: cannot set up: %s\n", strerror(errno));
     return CLIENT_EXIT_FAILED;
   }
@@ -128,41 +126,26 @@ int RunTop(const TopOptions& options) {
     return error.exitStatus;
   }
 
-  // Log lines would land in the middle of the screen; set before the
-  // subscriber's worker exists, which reads the setting.
+  // Log lines would land in the middle of the screen.
   if (interactive) __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
 
   const std::vector<int> types = {KELO_CLIENT_EVENT_PROCESS_CREATE, KELO_CLIENT_EVENT_PROCESS_EXIT,
                                   KELO_CLIENT_EVENT_THREAD_COUNT, KELO_CLIENT_EVENT_RSS_CHANGE};
   TopTable table;
-  std::atomic<size_t> confirmed{0};
-  KeloBpfClientCallbacks callbacks;
-  callbacks.onResponse = [&](uint32_t, int type, int result) {
-    if (result != 0) {
-      std::fprintf(stderr, "kelobpf-client: subscription of type %d refused: result %d\n", type, result);
-      return;
-    }
-    if (confirmed.fetch_add(1) + 1 == types.size()) {
-      const uint64_t one = 1;
-      if (write(subscribedFd.get(), &one, sizeof(one)) != sizeof(one)) return;
-    }
-  };
-  callbacks.onEvent = [&table](const char* record, uint32_t size) {
-    try {
-      table.apply(record, size);
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "kelobpf-client: cannot apply an event: %s\n", e.what());
-    }
-  };
-  KeloBpfClient client(options.service.socketName, types, callbacks);
-  if (!client.start()) {
-    std::fprintf(stderr, "kelobpf-client: cannot start the connection to %s\n", options.service.socketName.c_str());
-    return CLIENT_EXIT_FAILED;
+  const EventFeed::EventFn apply = [&table](const char* record, size_t size) { table.apply(record, size); };
+  android::base::unique_fd connection(ConnectToService(options.service.socketName));
+  if (connection.get() < 0) {
+    std::fprintf(stderr, "kelobpf-client: cannot connect to %s: %s\n", options.service.socketName.c_str(),
+                 strerror(errno));
+    return CLIENT_EXIT_NO_SERVICE;
   }
-  pollfd subscribed{subscribedFd.get(), POLLIN, 0};
-  if (poll(&subscribed, 1, static_cast<int>(options.service.timeout * 1000)) <= 0) {
-    std::fprintf(stderr, "kelobpf-client: the service did not confirm the subscriptions within %.1f s; the table "
-                 "may miss changes\n", options.service.timeout);
+  EventFeed feed(std::move(connection));
+  std::string problem;
+  // Subscribed before the dump is asked for, so that no change after it is
+  // missed.
+  if (!feed.subscribe(types, options.service.timeout, apply, &problem)) {
+    std::fprintf(stderr, "kelobpf-client: %s\n", problem.c_str());
+    return CLIENT_EXIT_FAILED;
   }
 
   std::string text;
@@ -172,7 +155,6 @@ int RunTop(const TopOptions& options) {
     return error.exitStatus;
   }
   TaskDump dump;
-  std::string problem;
   if (!ParseTaskDump(text, &dump, &problem)) {
     std::fprintf(stderr, "kelobpf-client: %s: %s\n", ServiceFilePath(TASK_DUMP_FILE).c_str(), problem.c_str());
     return CLIENT_EXIT_FAILED;
@@ -183,9 +165,12 @@ int RunTop(const TopOptions& options) {
   if (interactive) terminal = std::make_unique<Terminal>(keys);
   TopScreen screen;
   screen.delay = options.delay;
+  // Kept across refreshes, so that their storage is reused.
   TopSnapshot last;
+  std::string rendered;
+  std::string frame;
   const auto draw = [&](bool fresh) {
-    if (fresh) last = table.snapshot();
+    if (fresh) table.snapshot(&last);
     screen.clock = Clock();
     if (interactive) {
       winsize size{};
@@ -193,12 +178,21 @@ int RunTop(const TopOptions& options) {
         screen.width = size.ws_col;
         screen.height = size.ws_row;
       }
-      return WriteAll(STDOUT_FILENO, ScreenFrame(RenderTop(last, screen)));
+      RenderTop(last, screen, &rendered);
+      ScreenFrame(rendered, &frame);
+      return WriteAll(STDOUT_FILENO, frame);
     }
-    return WriteAll(STDOUT_FILENO, RenderTop(last, screen));
+    RenderTop(last, screen, &rendered);
+    return WriteAll(STDOUT_FILENO, rendered);
   };
 
   for (uint64_t iteration = 1;; ++iteration) {
+    // Everything the service sent since the last refresh, in one go.
+    if (!feed.drain(apply, &problem)) {
+      terminal.reset();
+      std::fprintf(stderr, "kelobpf-client: %s\n", problem.c_str());
+      return CLIENT_EXIT_FAILED;
+    }
     if (!draw(true)) return CLIENT_EXIT_FAILED;
     if (options.iterations != 0 && iteration >= options.iterations) return CLIENT_EXIT_OK;
     const auto due = std::chrono::steady_clock::now() + std::chrono::duration<double>(options.delay);

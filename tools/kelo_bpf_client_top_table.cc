@@ -22,28 +22,25 @@ bool CopyRecord(const char* bytes, size_t size, Record* record) {
 // Bytes to KiB as the dump converts them: truncated toward zero.
 int64_t Kb(int64_t bytes) { return bytes / 1024; }
 
-// Display columns of `text`: one per character, counting UTF-8 lead bytes.
-size_t Columns(const std::string& text) {
-  size_t columns = 0;
-  for (char c : text) columns += (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-  return columns;
-}
-
-// `line` cut to `width` columns (0: whole) and ended with '\n'.
-std::string Fit(std::string line, int width) {
-  if (width > 0 && Columns(line) > static_cast<size_t>(width)) {
+// Appends `line` (`length` bytes) cut to `width` columns (0: whole) and a
+// '\n' to `out`.
+void AppendFitted(std::string* out, const char* line, size_t length, int width) {
+  size_t keep = length;
+  if (width > 0) {
     size_t columns = 0;
-    size_t i = 0;
-    for (; i < line.size(); ++i) {
-      if ((static_cast<unsigned char>(line[i]) & 0xc0) != 0x80) {
+    for (keep = 0; keep < length; ++keep) {
+      if ((static_cast<unsigned char>(line[keep]) & 0xc0) != 0x80) {
         if (columns == static_cast<size_t>(width)) break;
         ++columns;
       }
     }
-    line.resize(i);
   }
-  line.push_back('\n');
-  return line;
+  out->append(line, keep);
+  out->push_back('\n');
+}
+
+void AppendFitted(std::string* out, const std::string& line, int width) {
+  AppendFitted(out, line.data(), line.size(), width);
 }
 
 }  // namespace
@@ -133,17 +130,19 @@ void TopTable::applyLocked(const char* record, size_t size) {
   ++events;
 }
 
-TopSnapshot TopTable::snapshot() {
-  TopSnapshot snapshot;
+void TopTable::snapshot(TopSnapshot* out) {
+  TopSnapshot& snapshot = *out;
+  snapshot.rows.clear();
+  snapshot.threads = snapshot.anonKb = snapshot.fileKb = snapshot.shmemKb = snapshot.swapKb = 0;
   {
     MutexLock lock(mutex);
     snapshot.rows.reserve(entries.size());
     for (auto& [pid, entry] : entries) {
-      TopRow row = entry.row;
+      snapshot.rows.push_back(entry.row);
+      TopRow& row = snapshot.rows.back();
       const int64_t total = row.totalKb();
       row.changeKb = total - entry.shownTotalKb;
       entry.shownTotalKb = total;
-      snapshot.rows.push_back(std::move(row));
     }
     snapshot.events = events;
     events = 0;
@@ -159,52 +158,81 @@ TopSnapshot TopTable::snapshot() {
     const int64_t ta = a.totalKb(), tb = b.totalKb();
     return ta != tb ? ta > tb : a.pid < b.pid;
   });
+}
+
+TopSnapshot TopTable::snapshot() {
+  TopSnapshot snapshot;
+  this->snapshot(&snapshot);
   return snapshot;
 }
 
-std::string PrintableComm(const std::string& comm) {
-  std::string out;
+void AppendPrintableComm(std::string* out, const std::string& comm) {
   for (size_t i = 0; i < comm.size();) {
     const unsigned char c = static_cast<unsigned char>(comm[i]);
     const size_t length = Utf8SequenceLength(comm, i);
     if (length == 0 || c < 0x20 || c == 0x7f) {
-      out += StringPrintf("\\x%02x", c);
+      static constexpr char DIGITS[] = "0123456789abcdef";
+      const char escaped[] = {'\\', 'x', DIGITS[c >> 4], DIGITS[c & 0xf]};
+      out->append(escaped, sizeof(escaped));
       ++i;
     } else {
-      out.append(comm, i, length);
+      out->append(comm, i, length);
       i += length;
     }
   }
+}
+
+std::string PrintableComm(const std::string& comm) {
+  std::string out;
+  AppendPrintableComm(&out, comm);
   return out;
+}
+
+void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string* out) {
+  std::string& text = *out;
+  text.clear();
+  AppendFitted(&text,
+               StringPrintf("kelobpf top - %s, %zu processes, %" PRId64 " threads, %" PRIu64
+                            " events in the last %.1f s",
+                            screen.clock.c_str(), snapshot.rows.size(), snapshot.threads, snapshot.events,
+                            screen.delay),
+               screen.width);
+  AppendFitted(&text,
+               StringPrintf("RSS KiB: anon %" PRId64 ", file %" PRId64 ", shmem %" PRId64 ", swap %" PRId64
+                            ", total %" PRId64,
+                            snapshot.anonKb, snapshot.fileKb, snapshot.shmemKb, snapshot.swapKb,
+                            snapshot.anonKb + snapshot.fileKb + snapshot.shmemKb + snapshot.swapKb),
+               screen.width);
+  text += "\n";
+  AppendFitted(&text,
+               StringPrintf("%7s %7s %5s %10s %10s %10s %10s %10s %10s %s", "PID", "PPID", "THR", "ANON", "FILE",
+                            "SHMEM", "SWAP", "TOTAL", "CHANGE", "COMMAND"),
+               screen.width);
+  constexpr int HEADER_LINES = 4;
+  size_t shown = snapshot.rows.size();
+  if (screen.height > 0) shown = std::min<size_t>(shown, static_cast<size_t>(std::max(0, screen.height - HEADER_LINES)));
+  // Room for every row at its usual width, so that the text grows once.
+  text.reserve(text.size() + shown * 112);
+  std::string line;
+  for (size_t i = 0; i < shown; ++i) {
+    const TopRow& row = snapshot.rows[i];
+    char change[24] = "0";
+    if (row.changeKb != 0) snprintf(change, sizeof(change), "%+" PRId64, row.changeKb);
+    char numbers[128];
+    const int length = snprintf(numbers, sizeof(numbers),
+                                "%7d %7d %5d %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64
+                                " %10s ",
+                                row.pid, row.ppid, row.threads, row.anonKb, row.fileKb, row.shmemKb, row.swapKb,
+                                row.totalKb(), change);
+    line.assign(numbers, static_cast<size_t>(std::max(0, std::min<int>(length, sizeof(numbers) - 1))));
+    AppendPrintableComm(&line, row.comm);
+    AppendFitted(&text, line, screen.width);
+  }
 }
 
 std::string RenderTop(const TopSnapshot& snapshot, const TopScreen& screen) {
   std::string text;
-  text += Fit(StringPrintf("kelobpf top - %s, %zu processes, %" PRId64 " threads, %" PRIu64
-                           " events in the last %.1f s",
-                           screen.clock.c_str(), snapshot.rows.size(), snapshot.threads, snapshot.events, screen.delay),
-              screen.width);
-  text += Fit(StringPrintf("RSS KiB: anon %" PRId64 ", file %" PRId64 ", shmem %" PRId64 ", swap %" PRId64
-                           ", total %" PRId64,
-                           snapshot.anonKb, snapshot.fileKb, snapshot.shmemKb, snapshot.swapKb,
-                           snapshot.anonKb + snapshot.fileKb + snapshot.shmemKb + snapshot.swapKb),
-              screen.width);
-  text += "\n";
-  text += Fit(StringPrintf("%7s %7s %5s %10s %10s %10s %10s %10s %10s %s", "PID", "PPID", "THR", "ANON", "FILE",
-                           "SHMEM", "SWAP", "TOTAL", "CHANGE", "COMMAND"),
-              screen.width);
-  constexpr int HEADER_LINES = 4;
-  size_t shown = snapshot.rows.size();
-  if (screen.height > 0) shown = std::min<size_t>(shown, static_cast<size_t>(std::max(0, screen.height - HEADER_LINES)));
-  for (size_t i = 0; i < shown; ++i) {
-    const TopRow& row = snapshot.rows[i];
-    const std::string change = row.changeKb == 0 ? "0" : StringPrintf("%+" PRId64, row.changeKb);
-    text += Fit(StringPrintf("%7d %7d %5d %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64
-                             " %10s %s",
-                             row.pid, row.ppid, row.threads, row.anonKb, row.fileKb, row.shmemKb, row.swapKb,
-                             row.totalKb(), change.c_str(), PrintableComm(row.comm).c_str()),
-                screen.width);
-  }
+  RenderTop(snapshot, screen, &text);
   return text;
 }
 

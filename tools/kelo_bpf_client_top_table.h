@@ -63,8 +63,10 @@ class TopTable {
   void load(const TaskDump& dump) EXCLUDES(mutex);
   // One event record of a subscribed type; other records are ignored.
   void apply(const char* record, size_t size) EXCLUDES(mutex);
-  // The table sorted for display; starts the next change interval.
+  // The table sorted for display; starts the next change interval. The
+  // second form reuses the storage of `out`.
   TopSnapshot snapshot() EXCLUDES(mutex);
+  void snapshot(TopSnapshot* out) EXCLUDES(mutex);
 
  private:
   struct Entry {
@@ -94,8 +96,10 @@ struct TopScreen {
   std::string clock;
 };
 
-// The header lines and the rows, each line ending in '\n'.
+// The header lines and the rows, each line ending in '\n'. The second form
+// writes into `out`, reusing its storage.
 std::string RenderTop(const TopSnapshot& snapshot, const TopScreen& screen);
+void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string* out);
 
 // A task name for a terminal: control bytes and bytes that are not valid
 // UTF-8 as \xNN, blanks kept.

@@ -1,12 +1,16 @@
 // The process table of `top`: loaded from a dump, moved by derived events,
 // and laid out for a terminal or for plain text.
+#include <android-base/file.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 
 #include "bpf/kelo_bpf_events.h"
+#include "tools/kelo_bpf_client_feed.h"
 #include "tools/kelo_bpf_client_top_table.h"
 
 namespace {
@@ -128,6 +132,75 @@ TEST(ClientTop, RendersHeaderAndRowsCutToTheTerminal) {
   screen.width = 92;  // the name starts in column 88: the cut keeps its two-byte character whole
   const std::string wide = RenderTop(snapshot, screen);
   EXPECT_NE(wide.find(" caf\xc3\xa9\n"), std::string::npos) << wide;
+}
+
+std::string U32(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof(value)); }
+
+std::string Frame(uint32_t type, const std::string& payload) {
+  return U32(static_cast<uint32_t>(payload.size()) + 8) + U32(type) + U32(static_cast<uint32_t>(payload.size())) +
+         payload;
+}
+
+// The feed over a socket pair, the test playing the service.
+TEST(ClientFeed, SubscribesThenHandsOverWholeEventsHoweverTheBytesArrive) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  android::base::unique_fd service(pair[1]);
+  EventFeed feed{android::base::unique_fd(pair[0])};
+  std::vector<std::string> events;
+  const EventFeed::EventFn collect = [&](const char* record, size_t size) { events.emplace_back(record, size); };
+  std::string problem;
+
+  // Answers given before the requests are read: an event, then the two
+  // responses (result 0) out of order.
+  const std::string answers = Frame(3, "early") + Frame(1, U32(1) + U32(0) + U32(0)) +
+                              Frame(1, U32(0) + U32(0) + U32(0));
+  ASSERT_TRUE(android::base::WriteFully(service.get(), answers.data(), answers.size()));
+  ASSERT_TRUE(feed.subscribe({50001, 50004}, 5, collect, &problem)) << problem;
+  EXPECT_EQ(events, std::vector<std::string>{"early"});
+  // The two requests: code 51, request ids 0 and 1, the types.
+  char requests[2 * 28];
+  ASSERT_EQ(read(service.get(), requests, sizeof(requests)), static_cast<ssize_t>(sizeof(requests)));
+  EXPECT_EQ(std::string(requests, 28), Frame(0, U32(0) + U32(51) + U32(4) + U32(50001)));
+  EXPECT_EQ(std::string(requests + 28, 28), Frame(0, U32(1) + U32(51) + U32(4) + U32(50004)));
+
+  // Frames cut at every byte: each event is handed over once it is whole.
+  const std::string stream = Frame(3, std::string(96, 'r')) + Frame(1, U32(7) + U32(0) + U32(0)) + Frame(3, "x");
+  events.clear();
+  for (char byte : stream) {
+    ASSERT_EQ(write(service.get(), &byte, 1), 1);
+    ASSERT_TRUE(feed.drain(collect, &problem)) << problem;
+  }
+  EXPECT_EQ(events, (std::vector<std::string>{std::string(96, 'r'), "x"}));
+  EXPECT_TRUE(feed.drain(collect, &problem));  // nothing new: no wait
+
+  const std::string bad = U32(4) + U32(3) + U32(0);  // shorter than its own header
+  ASSERT_TRUE(android::base::WriteFully(service.get(), bad.data(), bad.size()));
+  EXPECT_FALSE(feed.drain(collect, &problem));
+  EXPECT_NE(problem.find("malformed frame"), std::string::npos) << problem;
+}
+
+TEST(ClientFeed, ReportsARefusedSubscriptionAClosedConnectionAndSilence) {
+  std::string problem;
+  const EventFeed::EventFn ignore = [](const char*, size_t) {};
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  {
+    android::base::unique_fd service(pair[1]);
+    EventFeed feed{android::base::unique_fd(pair[0])};
+    const std::string refused = Frame(1, U32(0) + U32(static_cast<uint32_t>(-1)) + U32(0));
+    ASSERT_TRUE(android::base::WriteFully(service.get(), refused.data(), refused.size()));
+    EXPECT_FALSE(feed.subscribe({7}, 5, ignore, &problem));
+    EXPECT_EQ(problem, "subscription of type 7 refused: result -1");
+    service.reset();
+    EXPECT_FALSE(feed.drain(ignore, &problem));
+    EXPECT_EQ(problem, "the service closed the connection");
+  }
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  android::base::unique_fd silent(pair[1]);
+  EventFeed feed{android::base::unique_fd(pair[0])};
+  EXPECT_FALSE(feed.subscribe({7, 8}, 0.05, ignore, &problem));
+  EXPECT_NE(problem.find("did not answer the subscriptions within 0.1 s"), std::string::npos) << problem;
 }
 
 }  // namespace
