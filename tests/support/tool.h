@@ -7,6 +7,7 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,9 @@ class Tool {
     android::base::unique_fd err(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     pid = fork();
     if (pid == 0) {
+      // Ends with the test, also when the test process dies without running
+      // its destructors (a sanitizer's report).
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       dup2(out.get(), STDOUT_FILENO);
       dup2(err.get(), STDERR_FILENO);
       // The test runner may block signals the tools rely on.
