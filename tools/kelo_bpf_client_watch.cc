@@ -188,14 +188,19 @@ int RunWatch(const WatchOptions& options) {
   const bool json = options.json;
   KeloBpfClientCallbacks callbacks;
   callbacks.onResponse = [&tally, json](uint32_t reqId, int type, int result) {
-    if (json) {
+    tally.countResponse(type, result);
+    if (!json) {
+      std::printf("response reqId=%u type=%d result=%d\n", reqId, type, result);
+      return;
+    }
+    // Nothing may leave the worker's callback by an exception.
+    try {
       const Json line = {{"record", "response"}, {"req_id", reqId},  {"type", type},
                          {"name", TypeName(static_cast<uint32_t>(type))}, {"result", result}};
       std::printf("%s\n", JsonLine(line).c_str());
-    } else {
-      std::printf("response reqId=%u type=%d result=%d\n", reqId, type, result);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "kelobpf-client: cannot show a response: %s\n", e.what());
     }
-    tally.countResponse(type, result);
   };
   callbacks.onEvent = [&tally, &doneFd, &filter, filtered, json](const char* record, uint32_t size) {
     // Nothing may leave the worker's callback by an exception.
