@@ -21,3 +21,8 @@ add_library(bcc::bpf SHARED IMPORTED)
 set_target_properties(bcc::bpf PROPERTIES IMPORTED_LOCATION ${KELO_BCC_BPF})
 
 find_package(Threads REQUIRED)
+
+# The client tool's command line and JSON output (Debian: libcli11-dev,
+# nlohmann-json3-dev).
+find_package(CLI11 CONFIG REQUIRED)
+find_package(nlohmann_json 3.2 CONFIG REQUIRED)

@@ -11,7 +11,8 @@ PACKAGES=(
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libbpf-dev libbpfcc-dev bpftool libelf-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  util-linux iproute2 procps python3
+  libcli11-dev nlohmann-json3-dev
+  util-linux iproute2 procps python3 tmux curl
   clang-format systemd
 )
 

@@ -33,9 +33,8 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/state_file.h"
+#include "tests/support/tool.h"
 #include "tests/support/wait.h"
-
-extern char** environ;
 
 namespace {
 
@@ -43,6 +42,7 @@ using namespace std::chrono_literals;
 using Kelo::Bpf::KeloBpfDataState;
 using Kelo::Bpf::KeloBpfService;
 using kelo_test::RunChild;
+using kelo_test::Tool;
 using kelo_test::WaitUntil;
 
 using kelo_test::ServiceListening;
@@ -130,77 +130,6 @@ TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
   EXPECT_GT((*totals)[0], 0);                          // all events
   EXPECT_GT((*totals)[1 + KELO_EVENT_POLL_COUNT], 0);  // polls
 }
-
-// A daemon or client binary of this build, run with its output in files.
-class Tool {
- public:
-  Tool(const std::string& path, std::vector<std::string> args, const std::string& name)
-      : outPath("/data/" + name + ".out"), errPath("/data/" + name + ".err") {
-    args.insert(args.begin(), path);
-    // A ThreadSanitizer build of a tool must not report the service's client
-    // endpoint thread, which nothing joins by design (the service has no
-    // orderly shutdown and the daemon ends with _exit).
-    const char* tsanOptions = getenv("TSAN_OPTIONS");
-    std::vector<std::string> env{"TSAN_OPTIONS=" + (tsanOptions ? std::string(tsanOptions) + ":" : "") +
-                                 "report_thread_leaks=0"};
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      if (!android::base::StartsWith(*entry, "TSAN_OPTIONS=")) env.emplace_back(*entry);
-    }
-    const auto pointers = [](std::vector<std::string>& strings) {
-      std::vector<char*> out;
-      for (std::string& s : strings) out.push_back(s.data());
-      out.push_back(nullptr);
-      return out;
-    };
-    std::vector<char*> argv = pointers(args), envp = pointers(env);
-    android::base::unique_fd out(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    android::base::unique_fd err(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    pid = fork();
-    if (pid == 0) {
-      dup2(out.get(), STDOUT_FILENO);
-      dup2(err.get(), STDERR_FILENO);
-      // The test runner may block signals the tools rely on.
-      sigset_t none;
-      sigemptyset(&none);
-      sigprocmask(SIG_SETMASK, &none, nullptr);
-      execve(path.c_str(), argv.data(), envp.data());
-      _exit(127);
-    }
-  }
-  ~Tool() {
-    if (pid > 0 && !exited) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-  }
-
-  pid_t Pid() const { return pid; }
-  void Signal(int signal) const { kill(pid, signal); }
-  // The exit status once the tool has ended (signal deaths count as 128 +
-  // signal), or nothing after `limit`.
-  std::optional<int> Wait(std::chrono::milliseconds limit = 30s) {
-    int status = 0;
-    if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) return std::nullopt;
-    exited = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  std::string Out() const { return Read(outPath); }
-  std::string Err() const { return Read(errPath); }
-  bool Printed(const std::string& text) const { return Out().find(text) != std::string::npos; }
-  bool Logged(const std::string& text) const { return Err().find(text) != std::string::npos; }
-
- private:
-  static std::string Read(const std::string& path) {
-    std::string text;
-    android::base::ReadFileToString(path, &text);
-    return text;
-  }
-
-  const std::string outPath;
-  const std::string errPath;
-  pid_t pid = -1;
-  bool exited = false;
-};
 
 TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
   Tool daemon(KELO_DAEMON_PATH, {"--load"}, "daemon");
