@@ -75,7 +75,9 @@ void HandleNonKernelDumpSignalNormal(int signal);
 inline constexpr uint32_t REQ_ADD_OBSERVER_EVENT = 51;
 inline constexpr uint32_t REQ_DEL_OBSERVER_EVENT = 52;
 
-// The clients' socket (a name in the abstract namespace).
+// The clients' socket: a name in the abstract namespace, or on a device the
+// socket init hands over for the daemon's `socket kelobpfdispatcher` line
+// (see tools/kelobpfd.rc and ControlSocketName).
 inline constexpr char KELO_BPF_CLIENT_SOCKET_NAME[] = "/mnt/bpfframework/kelobpfdispatcher";
 
 // Where the service finds its clients and the pinned kernel side. The

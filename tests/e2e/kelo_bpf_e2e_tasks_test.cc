@@ -23,6 +23,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_task_manager.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/live_service.h"
 #include "tests/support/process.h"
@@ -120,6 +121,7 @@ class Script {
 };
 
 TEST(E2eTasks, ForksAndExitsOfFortyChildrenArriveAsProcessEventsWithPidParentAndName) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   Subscriber subscriber({KELO_CLIENT_EVENT_PROCESS_CREATE, KELO_CLIENT_EVENT_PROCESS_EXIT});
   ASSERT_TRUE(NormalEventsFlow());
@@ -148,6 +150,7 @@ TEST(E2eTasks, ForksAndExitsOfFortyChildrenArriveAsProcessEventsWithPidParentAnd
 }
 
 TEST(E2eTasks, ThreadsAndMemoryOfAProcessOlderThanThreeSecondsAreReported) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   Subscriber subscriber({KELO_CLIENT_EVENT_THREAD_COUNT, KELO_CLIENT_EVENT_RSS_CHANGE});
   ASSERT_TRUE(NormalEventsFlow());
@@ -242,6 +245,7 @@ std::optional<TaskDump> RequestTaskDump(int signal) {
 }
 
 TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThreadsOut) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   ASSERT_TRUE(NormalEventsFlow());
   const std::map<int, std::string> before = PsThreads();
@@ -275,6 +279,7 @@ TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThrea
 }
 
 TEST(E2eTasks, StateFileTotalsAgreeWithWhatASubscriberSinceBeforeReadinessReceived) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon(false);
   Subscriber subscriber({0, 1, 2, 3, 4, 5, 6, 7});
   kelo_test::SetServiceReady(true);

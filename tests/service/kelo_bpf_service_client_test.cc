@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "service/kelo_bpf_service.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
@@ -167,7 +168,7 @@ TEST_F(ClientTest, ClosingDropsSubscriptionsAndQueueAndAReusedDescriptorStartsCl
 }
 
 TEST(ClientDeathTest, MalformedPackagesAbortTheService) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, kelo_test::ThreadsafeDeathTestStyle());
   const auto serveThenSend = [](const std::string& bytes) {
     KeloBpfService::GetInstance()->start();
     Client client;

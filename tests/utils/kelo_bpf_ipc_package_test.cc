@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -77,7 +78,7 @@ TEST_F(PackageHandlerTest, DispatchesWholeFramesAndKeepsTheRest) {
 }
 
 TEST(PackageHandlerDeathTest, MismatchedSizeFieldIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, kelo_test::ThreadsafeDeathTestStyle());
   IpcPackageHandler handler({});
   std::string package = U32(2) + U32(5) + "abcd";  // says 5, carries 4
   EXPECT_DEATH(handler.handleSecondIpcPackage(1, package.data(), package.size()),
