@@ -34,6 +34,14 @@
 #define KELO_ASSERT_SIZE(type, size) KELO_STATIC_ASSERT(sizeof(type) == (size), "size of " #type)
 #define KELO_ASSERT_OFFSET(type, field, offset) \
   KELO_STATIC_ASSERT(__builtin_offsetof(type, field) == (offset), "offset of " #type "." #field)
+/* Packed records may start at any address. */
+#define KELO_ASSERT_PACKED(type) KELO_STATIC_ASSERT(__alignof__(type) == 1, #type " is packed")
+
+/* The same layouts hold for the BPF target, x86-64 and 32-bit ARM (armhf):
+ * every 64-bit field sits at a multiple of 8 behind explicit padding, so no
+ * layout depends on a target's alignment of 64-bit types, and every size is
+ * a multiple of 8, so no target adds padding at the end. Records reach C++
+ * code at any address and are read with memcpy only. */
 
 /* ------------------------------------------------------------------------ */
 /* Pinned objects                                                            */
@@ -135,6 +143,7 @@ struct kelo_event_header {
 };
 KELO_ASSERT_SIZE(struct kelo_event_header, 16);
 KELO_ASSERT_OFFSET(struct kelo_event_header, ts, 8);
+KELO_ASSERT_OFFSET(struct kelo_event_header, reserved, 4);
 
 /* Type 0: full snapshot of one process. The kernel programs do not produce
  * it; the service synthesises it from procfs at start. */
@@ -240,6 +249,7 @@ struct kelo_dmabuf_size_event {
 };
 KELO_ASSERT_SIZE(struct kelo_dmabuf_size_event, 40);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_size_event, pid, 16);
+KELO_ASSERT_OFFSET(struct kelo_dmabuf_size_event, reserved, 20);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_size_event, allocated_size, 24);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_size_event, referenced_size, 32);
 
@@ -263,6 +273,7 @@ KELO_ASSERT_SIZE(struct kelo_cgroup_attach_event, 120);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, pid, 16);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, dst_root, 20);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, dst_level, 24);
+KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, reserved, 28);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, dst_id, 32);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, comm, 40);
 KELO_ASSERT_OFFSET(struct kelo_cgroup_attach_event, path, 56);
@@ -313,6 +324,7 @@ KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, pid, 20);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, inode, 24);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, size, 32);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, owner_pid, 40);
+KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, reserved, 44);
 KELO_ASSERT_OFFSET(struct kelo_dmabuf_update_event, comm, 48);
 
 /* ------------------------------------------------------------------------ */
@@ -327,6 +339,7 @@ struct dmabuf_allocate_info {
   __s64 size;
 };
 KELO_ASSERT_SIZE(struct dmabuf_allocate_info, 16);
+KELO_ASSERT_OFFSET(struct dmabuf_allocate_info, reserved, 4);
 KELO_ASSERT_OFFSET(struct dmabuf_allocate_info, size, 8);
 
 /* map_KeloBpfGplDefineset_dmabuf_size_map (bytes of live buffers accounted
@@ -347,6 +360,7 @@ struct dmabuf_process_inode_key {
   __u64 inode;
 };
 KELO_ASSERT_SIZE(struct dmabuf_process_inode_key, 16);
+KELO_ASSERT_OFFSET(struct dmabuf_process_inode_key, reserved, 4);
 KELO_ASSERT_OFFSET(struct dmabuf_process_inode_key, inode, 8);
 
 /* map_KeloBpfGplDefineset_process_mmap_infos: user mapping start address of
@@ -357,6 +371,7 @@ struct dmabuf_process_mmap_key {
   __u64 start;
 };
 KELO_ASSERT_SIZE(struct dmabuf_process_mmap_key, 16);
+KELO_ASSERT_OFFSET(struct dmabuf_process_mmap_key, reserved, 4);
 KELO_ASSERT_OFFSET(struct dmabuf_process_mmap_key, start, 8);
 
 /* map_KeloBpfDefineset_open_fd_caller_map: key __s32 pid. open_count counts
@@ -372,8 +387,10 @@ struct open_fd_caller_info {
   char comm[KELO_COMM_LEN];
 };
 KELO_ASSERT_SIZE(struct open_fd_caller_info, 48);
+KELO_ASSERT_OFFSET(struct open_fd_caller_info, reserved0, 4);
 KELO_ASSERT_OFFSET(struct open_fd_caller_info, open_count, 8);
 KELO_ASSERT_OFFSET(struct open_fd_caller_info, reported_count, 16);
+KELO_ASSERT_OFFSET(struct open_fd_caller_info, reserved1, 24);
 KELO_ASSERT_OFFSET(struct open_fd_caller_info, comm, 32);
 
 /* map_KeloBpfDefineset_rss_mm_map (kernel bookkeeping): key __u32 mm_id of
@@ -385,6 +402,8 @@ struct kelo_rss_mm_info {
   __s64 reported[KELO_RSS_MEMBERS];
 };
 KELO_ASSERT_SIZE(struct kelo_rss_mm_info, 40);
+KELO_ASSERT_OFFSET(struct kelo_rss_mm_info, reserved, 4);
+KELO_ASSERT_OFFSET(struct kelo_rss_mm_info, reported, 8);
 
 /* ------------------------------------------------------------------------ */
 /* Task events the service derives and sends to its clients                 */
@@ -406,6 +425,10 @@ struct __attribute__((packed)) kelo_process_create_client_event {
   char comm[KELO_COMM_LEN];
 };
 KELO_ASSERT_SIZE(struct kelo_process_create_client_event, 32);
+KELO_ASSERT_PACKED(struct kelo_process_create_client_event);
+KELO_ASSERT_OFFSET(struct kelo_process_create_client_event, pid, 4);
+KELO_ASSERT_OFFSET(struct kelo_process_create_client_event, ppid, 8);
+KELO_ASSERT_OFFSET(struct kelo_process_create_client_event, uid, 12);
 KELO_ASSERT_OFFSET(struct kelo_process_create_client_event, comm, 16);
 
 struct __attribute__((packed)) kelo_process_exit_client_event {
@@ -414,6 +437,8 @@ struct __attribute__((packed)) kelo_process_exit_client_event {
   char comm[KELO_COMM_LEN];
 };
 KELO_ASSERT_SIZE(struct kelo_process_exit_client_event, 24);
+KELO_ASSERT_PACKED(struct kelo_process_exit_client_event);
+KELO_ASSERT_OFFSET(struct kelo_process_exit_client_event, pid, 4);
 KELO_ASSERT_OFFSET(struct kelo_process_exit_client_event, comm, 8);
 
 struct __attribute__((packed)) kelo_thread_count_client_event {
@@ -425,6 +450,10 @@ struct __attribute__((packed)) kelo_thread_count_client_event {
   __s32 thread_num;
 };
 KELO_ASSERT_SIZE(struct kelo_thread_count_client_event, 24);
+KELO_ASSERT_PACKED(struct kelo_thread_count_client_event);
+KELO_ASSERT_OFFSET(struct kelo_thread_count_client_event, pid, 4);
+KELO_ASSERT_OFFSET(struct kelo_thread_count_client_event, ppid, 8);
+KELO_ASSERT_OFFSET(struct kelo_thread_count_client_event, uid, 12);
 KELO_ASSERT_OFFSET(struct kelo_thread_count_client_event, old_thread_num, 16);
 KELO_ASSERT_OFFSET(struct kelo_thread_count_client_event, thread_num, 20);
 
@@ -439,6 +468,10 @@ struct __attribute__((packed)) kelo_rss_change_client_event {
   __s64 rss_old[KELO_RSS_MEMBERS];
 };
 KELO_ASSERT_SIZE(struct kelo_rss_change_client_event, 96);
+KELO_ASSERT_PACKED(struct kelo_rss_change_client_event);
+KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, pid, 4);
+KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, ppid, 8);
+KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, uid, 12);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, comm, 16);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, rss, 32);
 KELO_ASSERT_OFFSET(struct kelo_rss_change_client_event, rss_old, 64);

@@ -1,7 +1,8 @@
 # Platform libraries: Android's base, log and cutils from Debian's android-*
 # packages, libbpf, and BCC's libbcc_bpf for tracepoint and kprobe attaching.
 set(KELO_ANDROID_LIBDIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
-set(KELO_ANDROID_INCDIR /usr/include/android)
+# In a cross build both live in the sysroot (find_library re-roots the former).
+set(KELO_ANDROID_INCDIR ${CMAKE_SYSROOT}/usr/include/android)
 
 foreach(lib base log cutils)
   find_library(KELO_ANDROID_${lib} NAMES ${lib} PATHS ${KELO_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)

@@ -29,7 +29,8 @@ struct KeloIpcSecondLevelPackageHeader {
   uint32_t type;
   uint32_t size;
 };
-static_assert(sizeof(KeloIpcSecondLevelPackageHeader) == 8, "wire layout");
+static_assert(sizeof(KeloIpcSecondLevelPackageHeader) == 8 && offsetof(KeloIpcSecondLevelPackageHeader, size) == 4,
+              "wire layout");
 
 // Header at the start of a request or response payload. The second word is
 // the request code in a request and the signed result in a response.
@@ -41,7 +42,9 @@ struct KeloReqIpcPackageHeader {
   };
   uint32_t dataSize;
 };
-static_assert(sizeof(KeloReqIpcPackageHeader) == 12, "wire layout");
+static_assert(sizeof(KeloReqIpcPackageHeader) == 12 && offsetof(KeloReqIpcPackageHeader, reqType) == 4 &&
+                  offsetof(KeloReqIpcPackageHeader, result) == 4 && offsetof(KeloReqIpcPackageHeader, dataSize) == 8,
+              "wire layout");
 
 // A request as its sender describes it before it is serialised. `data` is
 // borrowed: `dataSize` bytes that the queue copies when the request is appended.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 // epoll_ctl ADD / MOD of fd with the given event mask and data.fd = fd.
 bool EpollCtlAdd(int epfd, int fd, uint32_t events);
@@ -12,10 +13,19 @@ bool EpollCtlMod(int epfd, int fd, uint32_t events);
 // Adds O_NONBLOCK to the descriptor's status flags.
 bool Setnonblocking(int fd);
 
+// The name under which the init system hands over the socket for `name`: its
+// last path component. init creates the socket of a service's
+// `socket <name> ...` line as /dev/socket/<name> and publishes its
+// descriptor in the environment variable ANDROID_SOCKET_<name>, so a service
+// socket "/mnt/bpfframework/kelobpfdispatcher" comes from the line
+// `socket kelobpfdispatcher stream ...`.
+std::string ControlSocketName(const char* name);
+
 // A listening, non-blocking, close-on-exec stream socket for `name`: the one
-// the init system handed over under that name if there is one (then put into
-// listening state), otherwise a new one bound to `name` in the abstract
-// namespace. The caller owns the result; -1 on failure.
+// the init system handed over under ControlSocketName(name) if there is one
+// (android_get_control_socket's rules; then put into listening state),
+// otherwise a new one bound to `name` in the abstract namespace. The caller
+// owns the result; -1 on failure.
 int CreateNonblockingServerSocket(const char* name);
 
 // A non-blocking, close-on-exec stream socket connected to `name`, taken

@@ -6,11 +6,13 @@
 #include <numeric>
 
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 
 namespace kelo_test {
 namespace {
 
 TEST(RingBufferFixtureTest, EveryLengthArrivesByteForByte) {
+  KELO_SKIP_WITHOUT_BPF();
   auto ring = RingBufferFixture::Create("/sys/fs/bpf/fixture_test/ring", 64 * 1024);
   ASSERT_NE(ring, nullptr);
   auto reader = RingBufferReader::Create(ring->fd());

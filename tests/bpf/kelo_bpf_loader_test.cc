@@ -11,6 +11,7 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tools/kelo_bpf_loader_lib.h"
 
 namespace kelo_test {
@@ -31,6 +32,7 @@ Info InfoOf(const std::string& path) {
 }
 
 TEST(KeloBpfLoaderTest, PinsEveryProgramWithItsAttachKindAndTheMapsWithTheSharedLayouts) {
+  KELO_SKIP_WITHOUT_BPF();
   Kelo::Bpf::BpfLoadReport report;
   ASSERT_TRUE(LoadAndPinPrograms(KELO_BPF_FS_DIR, &report));
   // 6 tracepoint and 6 kprobe programs over both sets.
@@ -78,6 +80,7 @@ TEST(KeloBpfLoaderTest, PinsEveryProgramWithItsAttachKindAndTheMapsWithTheShared
 }
 
 TEST(KeloBpfLoaderTest, CreatesNestedDirectoryAndReplacesExistingPins) {
+  KELO_SKIP_WITHOUT_BPF();
   const std::string dir = "/sys/fs/bpf/a/b/kelo";
   const std::string ring = PathIn(dir, "map_KeloBpfDefineset_ringbuf_map");
   Kelo::Bpf::BpfLoadReport first, second;
@@ -91,6 +94,7 @@ TEST(KeloBpfLoaderTest, CreatesNestedDirectoryAndReplacesExistingPins) {
 }
 
 TEST(KeloBpfLoaderTest, MissingObjectIsReportedAndTheOtherSetStillPinned) {
+  KELO_SKIP_WITHOUT_BPF();
   std::vector<Kelo::Bpf::BpfObjectSet> sets = Kelo::Bpf::DefaultBpfObjectSets(KELO_BPF_OBJ_DIR);
   sets[0].objectPath = "/nonexistent/kelo_bpf_normal.bpf.o";
   Kelo::Bpf::BpfLoadReport report;
@@ -105,6 +109,7 @@ TEST(KeloBpfLoaderTest, MissingObjectIsReportedAndTheOtherSetStillPinned) {
 }
 
 TEST(KeloBpfLoaderTest, RefusedProgramsAreReportedAndTheRestPinned) {
+  KELO_SKIP_WITHOUT_BPF();
   Kelo::Bpf::BpfLoadReport report;
   EXPECT_EQ(Kelo::Bpf::LoadAndPinBpfSets({{KELO_BPF_REFUSAL_TEST_OBJ, "TestSet"}}, KELO_BPF_FS_DIR, &report), 2);
   EXPECT_TRUE(report.errors.empty());

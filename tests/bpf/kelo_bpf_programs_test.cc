@@ -26,6 +26,7 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/process.h"
 
 namespace kelo_test {
@@ -119,6 +120,7 @@ class ProgramSet {
 class KeloBpfProgramsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    KELO_SKIP_WITHOUT_BPF();
     ASSERT_TRUE(LoadAndPinPrograms());
     ASSERT_NO_FATAL_FAILURE(normal.Open());
     ASSERT_NO_FATAL_FAILURE(gpl.Open());
@@ -400,6 +402,7 @@ std::vector<uint64_t> LostByType(int lostFd) {
 // count every record they could not write under its type and leave the
 // ring's positions where the service's watchdog reads them.
 TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagCountsLossesAndRecordsPositions) {
+  KELO_SKIP_WITHOUT_BPF();
   constexpr uint32_t kTinyRing = 4096;
   constexpr char kFork[] = "sched_sched_process_fork";
   std::unique_ptr<bpf_object, void (*)(bpf_object*)> object(bpf_object__open_file(KELO_BPF_NORMAL_OBJ, nullptr),

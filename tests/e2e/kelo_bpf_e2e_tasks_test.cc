@@ -23,6 +23,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_task_manager.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/live_service.h"
 #include "tests/support/process.h"
@@ -124,6 +125,7 @@ class Script {
 };
 
 TEST(E2eTasks, ForksAndExitsOfFortyChildrenArriveAsProcessEventsWithPidParentAndName) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   Subscriber subscriber({KELO_CLIENT_EVENT_PROCESS_CREATE, KELO_CLIENT_EVENT_PROCESS_EXIT});
   ASSERT_TRUE(NormalEventsFlow());
@@ -156,6 +158,7 @@ TEST(E2eTasks, ForksAndExitsOfFortyChildrenArriveAsProcessEventsWithPidParentAnd
 }
 
 TEST(E2eTasks, ThreadsAndMemoryOfAProcessOlderThanThreeSecondsAreReported) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   Subscriber subscriber({KELO_CLIENT_EVENT_THREAD_COUNT, KELO_CLIENT_EVENT_RSS_CHANGE});
   ASSERT_TRUE(NormalEventsFlow());
@@ -250,6 +253,7 @@ std::optional<TaskDump> RequestTaskDump(int signal) {
 }
 
 TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThreadsOut) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   ASSERT_TRUE(NormalEventsFlow());
   // Threads and parents come from task records; memory records are not
@@ -287,6 +291,7 @@ TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThrea
 }
 
 TEST(E2eTasks, StateFileTotalsAgreeWithWhatASubscriberSinceBeforeReadinessReceived) {
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon(false);
   Subscriber subscriber({0, 1, 2, 3, 4, 5, 6, 7});
   kelo_test::SetServiceReady(true);

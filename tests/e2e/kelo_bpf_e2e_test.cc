@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,14 +21,18 @@
 #include <cctype>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bpf/kelo_bpf_events.h"
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
+#include "tests/support/init_socket.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/live_service.h"
 #include "tests/support/process.h"
@@ -35,6 +40,7 @@
 #include "tests/support/state_file.h"
 #include "tests/support/tool.h"
 #include "tests/support/wait.h"
+#include "utils/kelo_bpf_ipc_socket.h"
 
 namespace {
 
@@ -70,6 +76,7 @@ std::string Tag(const kelo_test::Package& package, pid_t child) {
 }
 
 TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
+  KELO_SKIP_WITHOUT_BPF();
   StartServiceLikeTheDaemon();
   kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
   ASSERT_TRUE(client.Connect());
@@ -109,6 +116,7 @@ TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
 }
 
 TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
+  KELO_SKIP_WITHOUT_BPF();
   StartServiceLikeTheDaemon();
   // A delivered fork record shows that the pumps run, and so that the dump
   // handlers they install are in place.
@@ -132,6 +140,7 @@ TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
 }
 
 TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
+  KELO_SKIP_WITHOUT_BPF();
   Tool daemon(KELO_DAEMON_PATH, {"--load"}, "daemon");
   ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
   ASSERT_TRUE(WaitUntil(ServiceListening));
@@ -178,6 +187,33 @@ TEST(E2eTools, DaemonEndsWithSuccessWhenStoppedBeforeReadinessOrDisabled) {
   EXPECT_EQ(disabled.Wait(), 0) << disabled.Err();
   EXPECT_TRUE(disabled.Logged("[BpfServiceMain] Starting KELO Bpf Service disabled!")) << disabled.Err();
   EXPECT_TRUE(disabled.Logged("Property ro.kernel.version=")) << disabled.Err();
+}
+
+// As init starts the daemon from tools/kelobpfd.rc: the socket of its
+// `socket` line handed over, readiness left to the platform. Clients reach
+// the service through the socket's path, and no abstract name is bound.
+TEST(E2eTools, DaemonServesOnTheSocketInitHandsOver) {
+  std::unique_ptr<kelo_test::InitSocket> init =
+      kelo_test::InitSocket::Create(ControlSocketName(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME));
+  ASSERT_TRUE(init);
+  init->Publish();
+  Tool daemon(KELO_DAEMON_PATH, {"--no-ready"}, "daemon");
+  // The daemon's listen() shows on the test's descriptor of the same socket.
+  ASSERT_TRUE(WaitUntil([&] {
+    int accepting = 0;
+    socklen_t length = sizeof(accepting);
+    return getsockopt(init->fd(), SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) == 0 && accepting == 1;
+  })) << daemon.Err();
+  Tool client(KELO_CLIENT_PATH, {"--socket", init->reachablePath(), "--type", "2"}, "client");
+  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=0 type=2 result=0"); }))
+      << client.Out() << client.Err() << daemon.Err();
+  EXPECT_FALSE(ServiceListening());
+
+  client.Signal(SIGTERM);
+  EXPECT_EQ(client.Wait(), 0) << client.Err();
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
+  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped before it was made ready")) << daemon.Err();
 }
 
 TEST(E2eTools, ClientWithoutAServiceFailsWhenItsDurationEndsAndBadUsageEndsEitherToolWithTwo) {

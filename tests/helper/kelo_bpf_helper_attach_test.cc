@@ -22,6 +22,7 @@
 
 #include "helper/kelo_bpf_helper.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -104,6 +105,7 @@ class AttachProgramTest : public testing::Test {
   void SetUp() override {
     // Everything here pins and attaches for real: only inside the sandbox.
     KELO_SKIP_OUTSIDE_SANDBOX();
+    KELO_SKIP_WITHOUT_BPF();
     ASSERT_EQ(mkdir(PIN_DIR, 0755), 0);
     ASSERT_TRUE(android::base::SetProperty(KERNEL_VERSION_PROPERTY, "6.18"));
     counters_.reset(bpf_map_create(BPF_MAP_TYPE_ARRAY, "kelo_counters", sizeof(uint32_t), sizeof(uint64_t),
@@ -278,6 +280,7 @@ TEST_F(AttachProgramTest, DirectoryDrivenAttachesEveryPinnedProgram) {
 // the probed function (behind its direction in the normal set) for probes.
 TEST(AttachTablesTest, RowsMatchTheRealProgramSets) {
   KELO_SKIP_OUTSIDE_SANDBOX();
+  KELO_SKIP_WITHOUT_BPF();
   BpfLoadReport report;
   kelo_test::LoadAndPinPrograms(KELO_BPF_FS_DIR, &report);
   ASSERT_FALSE(report.pinnedPrograms.empty());

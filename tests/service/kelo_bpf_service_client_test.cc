@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "service/kelo_bpf_service.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"

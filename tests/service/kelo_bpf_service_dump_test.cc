@@ -24,6 +24,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_task_manager.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wait.h"
 
@@ -108,6 +109,7 @@ class ServiceDumpTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KELO_SKIP_OUTSIDE_SANDBOX();
+    KELO_SKIP_WITHOUT_BPF();
     ASSERT_TRUE(kelo_test::MakeDirs(KeloTaskManager::KELOTASK_DUMP_PATH));
     inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     ASSERT_GE(inotify_add_watch(inotify_.get(), KeloTaskManager::KELOTASK_DUMP_PATH, IN_CLOSE_WRITE), 0);

@@ -9,6 +9,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
@@ -46,6 +47,7 @@ void SetReady(const char* value) { android::base::SetProperty(KeloBpfService::KE
 
 class PumpTest : public ::testing::Test {
  protected:
+  void SetUp() override { KELO_SKIP_WITHOUT_BPF(); }
   void StartService(bool ready = true) {
     ASSERT_TRUE(kelo_test::MakeDirs(KeloBpfDataState::KELOTASK_DUMP_PATH));
     // Set either way, so that a later SetReady only changes the entry's value.

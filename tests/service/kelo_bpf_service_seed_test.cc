@@ -19,6 +19,7 @@
 
 #include "service/kelo_bpf_service.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -124,6 +125,7 @@ class SeedTest : public ::testing::Test {
 };
 
 TEST_F(SeedTest, DmabufScanCountsBuffersOncePerProcessAndGivesSharedOnesToTheLastProcessSeen) {
+  KELO_SKIP_WITHOUT_BPF();
   for (const MapShape& shape : DMABUF_MAPS) CreateMap(shape);
   Process("100");
   for (const char* fd : {"3", "4", "5"}) Fd("100", fd, "/dmabuf:", Fdinfo("4096", "1111"));
@@ -172,6 +174,7 @@ TEST_F(SeedTest, DmabufScanCountsBuffersOncePerProcessAndGivesSharedOnesToTheLas
 }
 
 TEST_F(SeedTest, MissingMapAbortsBeforeTheScanAndWritesNothing) {
+  KELO_SKIP_WITHOUT_BPF();
   Process("100");
   Fd("100", "3", "/dmabuf:", Fdinfo("4096", "1111"));
   Fd("100", "4", "/dmabuf:");  // reported if the scan ran
@@ -212,6 +215,7 @@ TEST_F(SeedTest, FdinfoReadersSaturateOnlyThePublicSizeAndMapsLinesNeedSixFields
 }
 
 TEST_F(SeedTest, FdCountsCarryPidCountTwiceAndNameAndSkipOnlyProcessesThatVanished) {
+  KELO_SKIP_WITHOUT_BPF();
   EXPECT_EQ(service->initFdBpfProg(), -1);
   EXPECT_EQ(Logged(log, 'E', "[KeloBpfService][INIT] update open_fd_caller_map !"), 1);
   EXPECT_EQ(Logged(log, 'E',

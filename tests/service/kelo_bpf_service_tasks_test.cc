@@ -21,6 +21,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_task_manager.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
@@ -165,6 +166,7 @@ class NamedChild {
 class TaskHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    KELO_SKIP_WITHOUT_BPF();
     ASSERT_TRUE(rings);
     android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
     service = KeloBpfService::GetInstance(KeloBpfServiceConfig{});

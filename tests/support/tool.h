@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/emulation.h"
 #include "tests/support/wait.h"
 
 extern char** environ;
@@ -29,6 +30,7 @@ class Tool {
   Tool(const std::string& path, std::vector<std::string> args, const std::string& name)
       : outPath("/data/" + name + ".out"), errPath("/data/" + name + ".err") {
     args.insert(args.begin(), path);
+    args = EmulatedCommand(std::move(args));
     // A ThreadSanitizer build of a tool must not report the service's client
     // endpoint thread, which nothing joins by design (the service has no
     // orderly shutdown and the daemon ends with _exit).
@@ -58,7 +60,7 @@ class Tool {
       sigset_t none;
       sigemptyset(&none);
       sigprocmask(SIG_SETMASK, &none, nullptr);
-      execve(path.c_str(), argv.data(), envp.data());
+      execve(argv[0], argv.data(), envp.data());
       _exit(127);
     }
   }

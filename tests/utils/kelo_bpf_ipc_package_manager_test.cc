@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -179,7 +180,7 @@ TEST_F(IpcPackageManagerTest, PackageWaitsForRoomAndWaitersForPackages) {
 }
 
 TEST_F(IpcPackageManagerTest, WritingIntoACorruptBufferIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, kelo_test::ThreadsafeDeathTestStyle());
   queue.buildAndAppendSecondIpcPackage(2, "x", 1);
   buffer.bufferDataCursor = BUFFER_SIZE + 1;
   EXPECT_DEATH(queue.fillNextIpcPackageToBuffer(&buffer), "Check failed: bufferState->write\\(ipcPackage.size\\)");

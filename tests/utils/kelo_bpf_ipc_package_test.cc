@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
