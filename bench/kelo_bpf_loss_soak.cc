@@ -58,9 +58,10 @@ struct Options {
 };
 
 void Usage() {
-  fprintf(stderr,
-          "usage: kelo_bpf_loss_soak --daemon-pid PID [--seconds N] [--rate R] [--mix FAST,SLOW,STALLED,RECONNECTING]\n"
-          "                          [--slow-ratio K] [--warmup S] [--fast-lossless] [--socket NAME] [--bpf-dir DIR]\n");
+  fprintf(
+      stderr,
+      "usage: kelo_bpf_loss_soak --daemon-pid PID [--seconds N] [--rate R] [--mix FAST,SLOW,STALLED,RECONNECTING]\n"
+      "                          [--slow-ratio K] [--warmup S] [--fast-lossless] [--socket NAME] [--bpf-dir DIR]\n");
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -160,7 +161,8 @@ int Run(const Options& options) {
     }
   }
 
-  printf("soak: %d s of %" PRIu64 " records/s of type %u beside the live kernel's; clients: %d fast, %d slow "
+  printf("soak: %d s of %" PRIu64
+         " records/s of type %u beside the live kernel's; clients: %d fast, %d slow "
          "(1/%g of the rate), %d stalled, %d reconnecting\n",
          options.seconds, options.rate, SOAK_TYPE, options.counts[0], options.counts[1], options.slowRatio,
          options.counts[2], options.counts[3]);
@@ -244,7 +246,8 @@ int Run(const Options& options) {
     const SoakAccount a = client->Account();
     const bool exact = a.received + a.queueLost == written && a.kernelLost == refused && a.outOfOrder == 0 &&
                        (a.received == 0 || a.lastSeq == writtenBefore + written);
-    printf("%-16s received %" PRIu64 " + lost in its queue %" PRIu64 " = %" PRIu64 " emitted%s; lost in the kernel "
+    printf("%-16s received %" PRIu64 " + lost in its queue %" PRIu64 " = %" PRIu64
+           " emitted%s; lost in the kernel "
            "%" PRIu64 " (told in %" PRIu64 " reports)\n",
            client->name().c_str(), a.received, a.queueLost, written, exact ? ", exactly" : ": NOT EXACT", a.kernelLost,
            a.reports);

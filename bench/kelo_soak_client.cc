@@ -89,8 +89,7 @@ double LatencyHistogram::PercentileUs(double fraction) const {
   return static_cast<double>(BUCKETS * LATENCY_BUCKET_NS) / 1000.0;
 }
 
-SoakClient::SoakClient(std::string name, SoakBehaviour behaviour, std::string socketName, int32_t type,
-                       double slowRate)
+SoakClient::SoakClient(std::string name, SoakBehaviour behaviour, std::string socketName, int32_t type, double slowRate)
     : name_(std::move(name)),
       behaviour_(behaviour),
       socketName_(std::move(socketName)),

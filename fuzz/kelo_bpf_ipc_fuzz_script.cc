@@ -109,8 +109,8 @@ FuzzScript DecodeFuzzScript(const uint8_t* data, size_t size) {
         const uint8_t selector = in.u8();
         const uint16_t extra = in.u16();
         // A frame of packageSize + 4 > bufferSize can never be received.
-        op.damagedLength = selector < 4 ? WRAPPING_LENGTH + selector
-                                        : script.bufferSize - IPC_FRAME_HEADER_SIZE + 1 + extra;
+        op.damagedLength =
+            selector < 4 ? WRAPPING_LENGTH + selector : script.bufferSize - IPC_FRAME_HEADER_SIZE + 1 + extra;
         op.garbageLength = in.u8();
         break;
       }

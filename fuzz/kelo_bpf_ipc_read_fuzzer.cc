@@ -84,13 +84,13 @@ constexpr char MANAGER_NAME[] = "BpfFuzzTr";
 // Private to the sandbox's network namespace.
 constexpr char SOCKET_NAME[] = "kelo_read_fuzzer";
 
-#define ORACLE(cond, ...)                                   \
-  do {                                                      \
-    if (!(cond)) {                                          \
-      fprintf(stderr, "read fuzzer oracle: " __VA_ARGS__);  \
-      fputc('\n', stderr);                                  \
-      abort();                                              \
-    }                                                       \
+#define ORACLE(cond, ...)                                  \
+  do {                                                     \
+    if (!(cond)) {                                         \
+      fprintf(stderr, "read fuzzer oracle: " __VA_ARGS__); \
+      fputc('\n', stderr);                                 \
+      abort();                                             \
+    }                                                      \
   } while (0)
 
 // One item of the stream as the peer wrote it.
@@ -131,8 +131,7 @@ class ReadPathHarness {
  public:
   explicit ReadPathHarness(const FuzzScript& script)
       : script_(script),
-        manager_(true, static_cast<int>(script.bufferSize), SOCKET_NAME, hooks(), MANAGER_NAME, FirstProcessor(), 1,
-                 1),
+        manager_(true, static_cast<int>(script.bufferSize), SOCKET_NAME, hooks(), MANAGER_NAME, FirstProcessor(), 1, 1),
         packageHandler_(handlers()) {
     ORACLE(manager_.createServer(), "createServer failed");
     connectPeer();
@@ -221,8 +220,8 @@ class ReadPathHarness {
     uint32_t patternBytes = op.payloadLength;
     if (op.type <= IPC_PACKAGE_TYPE_RESPONSE) {
       const uint32_t dataSize = op.payloadLength - REQUEST_HEADER_SIZE;
-      const uint32_t secondWord = op.type == IPC_PACKAGE_TYPE_REQUEST ? item.requestCode
-                                                                      : static_cast<uint32_t>(item.responseResult);
+      const uint32_t secondWord =
+          op.type == IPC_PACKAGE_TYPE_REQUEST ? item.requestCode : static_cast<uint32_t>(item.responseResult);
       appendU32(item.reqId);
       appendU32(secondWord);
       appendU32(dataSize);
@@ -248,8 +247,8 @@ class ReadPathHarness {
       id = UNREGISTERED_ID_BASE + unregisteredIds_++;
     }
     if (op.registerCallback) {
-      const bool fresh = callbacks_.addIpcReqCallBack(
-          id, [this](uint32_t reqId, int result, char* data, uint32_t dataSize) {
+      const bool fresh =
+          callbacks_.addIpcReqCallBack(id, [this](uint32_t reqId, int result, char* data, uint32_t dataSize) {
             return onResponseCallback(reqId, result, data, dataSize);
           });
       ORACLE(fresh == (pendingIds_.count(id) == 0), "addIpcReqCallBack(%u) returned %d", id, fresh);
@@ -482,8 +481,7 @@ class ReadPathHarness {
       return;
     }
     ORACLE(items_[i].offset == readerAt && items_[i].truncated,
-           "item %zu at stream offset %zu is whole but was left unread (reader at %zu)", i, items_[i].offset,
-           readerAt);
+           "item %zu at stream offset %zu is whole but was left unread (reader at %zu)", i, items_[i].offset, readerAt);
   }
 
   void checkPeerClose() {

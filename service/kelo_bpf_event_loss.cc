@@ -15,8 +15,9 @@ constexpr uint32_t EVENT_PACKAGE_TYPE = 3;
 
 // Column names of the kernel loss lines, by event type.
 constexpr const char* LOST_TYPE_COLUMNS[KELO_RB_LOST_ENTRIES] = {
-    "kelo_task_init",   "kmem_rss_info",             "sched_task_create", "sched_task_exit",
-    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info",    "dmabuf_update",
+    "kelo_task_init",  "kmem_rss_info",    "sched_task_create",
+    "sched_task_exit", "dmabuf_size_info", "cgroup_attach_cpuset_info",
+    "fd_update_info",  "dmabuf_update",
 };
 constexpr const char* RING_NAMES[LOSS_RING_COUNT] = {KELO_BPF_DEFINESET, KELO_BPF_GPL_DEFINESET};
 
@@ -168,8 +169,8 @@ std::string LossLedger::StateLines() {
   std::string perConnection;
   for (const auto& [fd, connection] : connections) {
     trimmed += connection.trimmed;
-    if (connection.trimmed != 0) perConnection += StringPrintf("QueueTrimmedConnection, %d, %" PRIu64 ", \r\n", fd,
-                                                               connection.trimmed);
+    if (connection.trimmed != 0)
+      perConnection += StringPrintf("QueueTrimmedConnection, %d, %" PRIu64 ", \r\n", fd, connection.trimmed);
   }
   text += StringPrintf("QueueTrimmed, %" PRIu64 ", \r\n", trimmed);
   text += perConnection;

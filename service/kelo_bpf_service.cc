@@ -182,14 +182,12 @@ void KeloBpfService::startLossReporter() {
     try {
       std::thread([this] {
         if (!NameAndBindThread(LOSS_THREAD_NAME)) {
-          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] set thread affinity failed. %s",
-                    strerror(errno));
+          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] set thread affinity failed. %s", strerror(errno));
         }
         try {
           lossReporter->Run();
         } catch (const std::exception& e) {
-          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] Loss report thread ended by error: %s",
-                    e.what());
+          KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][lossReporter] Loss report thread ended by error: %s", e.what());
         }
       }).detach();
     } catch (const std::system_error& e) {

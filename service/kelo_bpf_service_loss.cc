@@ -38,8 +38,9 @@ void LossReporter::Run() {
   MutexLock guard(mutex);
   while (!stopping) {
     const Clock::time_point now = Clock::now();
-    const bool readDue = readForced || (readWanted.load() && (lastRead == Clock::time_point::min() ||
-                                                              now - lastRead >= KERNEL_READ_INTERVAL));
+    const bool readDue =
+        readForced ||
+        (readWanted.load() && (lastRead == Clock::time_point::min() || now - lastRead >= KERNEL_READ_INTERVAL));
     if (!readDue && now < nextDue) {
       Clock::time_point deadline = nextDue;
       if (readWanted.load() && lastRead + KERNEL_READ_INTERVAL < deadline) deadline = lastRead + KERNEL_READ_INTERVAL;

@@ -58,8 +58,7 @@ std::vector<KernelLostCounters::Growth> KernelLostCounters::Read() {
     uint64_t counts[KELO_RB_LOST_ENTRIES] = {};
     const uint64_t now = MonotonicNowNs();
     if (!ReadCounts(fds[ring].get(), &counts)) {
-      KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][KernelLostCounters] Read ring %d failed: %s", ring,
-                strerror(errno));
+      KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][KernelLostCounters] Read ring %d failed: %s", ring, strerror(errno));
       errno = 0;
       continue;
     }

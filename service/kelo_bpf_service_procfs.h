@@ -50,9 +50,9 @@ void CopyTaskName(std::string_view name, char* field, size_t size);
 // the parentheses may hold blanks and parentheses of its own, so the fields
 // are counted from the last ')'.
 struct ProcStat {
-  int64_t threads = 0;         // field 19 (0-based), num_threads
-  int64_t startTicks = 0;      // field 21, starttime in clock ticks
-  bool complete = false;       // the line had at least 22 fields
+  int64_t threads = 0;     // field 19 (0-based), num_threads
+  int64_t startTicks = 0;  // field 21, starttime in clock ticks
+  bool complete = false;   // the line had at least 22 fields
 };
 ProcStat ParseProcStat(std::string_view line);
 

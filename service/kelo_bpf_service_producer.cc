@@ -93,8 +93,7 @@ void KeloBpfService::startGplProducer() {
 
 int KeloBpfService::eventProduceThread() {
   if (!NameAndBindThread(POLL_THREAD_NAME)) {
-    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][eventProduceThread] set thread affinity failed. %s",
-              strerror(errno));
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][eventProduceThread] set thread affinity failed. %s", strerror(errno));
   }
   // Clients may connect and subscribe from here on, before any event flows.
   ipcManager->start();
@@ -120,8 +119,7 @@ int KeloBpfService::gpleventProduceThread() {
   waitUntilReady();
   const int attachResult = AttachAllKeloBpfProgram(config.bpfFsDir, PROG_GPL_EVENT_MAP);
   if (attachResult != 0) {
-    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][gpleventProduceThread] Attach all kelo bpf error: %d",
-              attachResult);
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][gpleventProduceThread] Attach all kelo bpf error: %d", attachResult);
   }
   gpleventMonitor();
   return attachResult;

@@ -30,8 +30,8 @@ constexpr int SIGNAL_DUMP_TASKS = 51;
 constexpr int SIGNAL_DUMP_USER_TASKS = 52;
 constexpr int SIGNAL_DUMP_TASKS_SHORT = 53;
 constexpr int SIGNAL_DUMP_USER_TASKS_SHORT = 54;
-constexpr int DUMP_SIGNALS[] = {SIGNAL_DUMP_STATE, SIGNAL_DUMP_TASKS, SIGNAL_DUMP_USER_TASKS,
-                                SIGNAL_DUMP_TASKS_SHORT, SIGNAL_DUMP_USER_TASKS_SHORT};
+constexpr int DUMP_SIGNALS[] = {SIGNAL_DUMP_STATE, SIGNAL_DUMP_TASKS, SIGNAL_DUMP_USER_TASKS, SIGNAL_DUMP_TASKS_SHORT,
+                                SIGNAL_DUMP_USER_TASKS_SHORT};
 
 // Write end of the request pipe, as the handler sees it; -1 until set up,
 // and for good when the pipe or the dump thread could not be made.

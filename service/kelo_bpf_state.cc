@@ -26,8 +26,9 @@ constexpr mode_t STATE_FILE_MODE = 0666;
 
 // Column names of counters 0..7 in the file's header.
 constexpr const char* STATE_EVENT_COLUMNS[STATE_COUNTER_POLL] = {
-    "kelo_task_init",   "kmem_rss_info",             "sched_task_create", "sched_task_exit",
-    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info",    "dmabuf_update",
+    "kelo_task_init",  "kmem_rss_info",    "sched_task_create",
+    "sched_task_exit", "dmabuf_size_info", "cgroup_attach_cpuset_info",
+    "fd_update_info",  "dmabuf_update",
 };
 constexpr char STATE_HEADER_LEAD[] = "EventCount, ";
 constexpr char STATE_HEADER_POLL[] = "PollCount, ";
@@ -55,8 +56,7 @@ KeloBpfDataState* KeloBpfDataState::GetInstance() {
   return instance;
 }
 
-KeloBpfDataState::KeloBpfDataState(SecondsClock clock)
-    : clock_(clock), lastTime_(static_cast<int64_t>(clock())) {}
+KeloBpfDataState::KeloBpfDataState(SecondsClock clock) : clock_(clock), lastTime_(static_cast<int64_t>(clock())) {}
 
 void KeloBpfDataState::RecordEvent(int type, int count) {
   if (type < 0 || type > STATE_COUNTER_POLL) return;

@@ -9,10 +9,10 @@ namespace Bpf {
 namespace {
 
 // Member-numbered views of the two RSS arrays of a record.
-constexpr int64_t KeloTask::*RSS_FIELDS[RSS_MEMBER_COUNT] = {
-    &KeloTask::rssFileSize, &KeloTask::rssAnonSize, &KeloTask::rssSwapSize, &KeloTask::rssShmemSize};
-constexpr int64_t KeloTask::*RSS_OLD_FIELDS[RSS_MEMBER_COUNT] = {
-    &KeloTask::rssFileOldSize, &KeloTask::rssAnonOldSize, &KeloTask::rssSwapOldSize, &KeloTask::rssShmemOldSize};
+constexpr int64_t KeloTask::*RSS_FIELDS[RSS_MEMBER_COUNT] = {&KeloTask::rssFileSize, &KeloTask::rssAnonSize,
+                                                             &KeloTask::rssSwapSize, &KeloTask::rssShmemSize};
+constexpr int64_t KeloTask::*RSS_OLD_FIELDS[RSS_MEMBER_COUNT] = {&KeloTask::rssFileOldSize, &KeloTask::rssAnonOldSize,
+                                                                 &KeloTask::rssSwapOldSize, &KeloTask::rssShmemOldSize};
 
 uint64_t TotalRss(const KeloTask& task) {
   return static_cast<uint64_t>(task.rssFileSize) + static_cast<uint64_t>(task.rssAnonSize) +

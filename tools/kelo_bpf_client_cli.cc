@@ -1,9 +1,9 @@
 // The command line of kelobpf-client: one subcommand per task, `watch` when
 // none is named (so that `kelobpf-client --type 2` and
 // `kelobpf-client fork exit` keep working).
-#include <CLI/CLI.hpp>
 #include <android/log.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <cmath>
 #include <cstdio>
@@ -61,7 +61,8 @@ CLI::Validator Positive(bool orZero = false) {
       [orZero](std::string& text) {
         char* end = nullptr;
         const double value = strtod(text.c_str(), &end);
-        const bool ok = end != text.c_str() && *end == '\0' && std::isfinite(value) && (orZero ? value >= 0 : value > 0);
+        const bool ok =
+            end != text.c_str() && *end == '\0' && std::isfinite(value) && (orZero ? value >= 0 : value > 0);
         if (ok) return std::string();
         return "'" + text + "' is not a number " + (orZero ? "of 0 or more" : "above 0");
       },
@@ -122,8 +123,9 @@ int RunClient(int argc, char** argv) {
     watchCommand->add_flag("--json", watch.json, "one JSON object per line (fields in the README)");
     watchCommand->add_option("-p,--pid", pids, "only events of this process (repeatable)");
     watchCommand->add_option("--comm", watch.filter.commGlob, "only events of processes whose name matches GLOB");
-    watchCommand->add_option("--min-delta", watch.filter.minDelta,
-                             "RSS events only when they moved at least BYTES (others pass)")
+    watchCommand
+        ->add_option("--min-delta", watch.filter.minDelta,
+                     "RSS events only when they moved at least BYTES (others pass)")
         ->check(Positive());
     watchCommand->footer(TypeNames() +
                          "Without --count and --duration it runs until SIGINT or SIGTERM, waiting for the service\n"

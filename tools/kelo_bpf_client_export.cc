@@ -168,7 +168,8 @@ HttpParse ReadRequest(int fd, HttpRequest* request) {
   while (true) {
     const HttpParse result = ParseHttpRequest(received, MAX_REQUEST_HEAD, request);
     if (result != HttpParse::INCOMPLETE) return result;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return HttpParse::INCOMPLETE;
     pollfd p{fd, POLLIN, 0};
     const int ready = poll(&p, 1, static_cast<int>(left.count()));

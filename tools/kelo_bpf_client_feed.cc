@@ -74,7 +74,8 @@ bool EventFeed::subscribe(const std::vector<int>& types, double timeoutSeconds, 
       ++answered;
     }
     if (sent == requests.size() && answered == types.size()) return true;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
       *problem = StringPrintf("the service did not answer the subscriptions within %.1f s", timeoutSeconds);
       return false;
@@ -111,8 +112,8 @@ bool EventFeed::handleFrames(const EventFn& onEvent, std::string* problem) {
     const uint32_t type = GetU32(pending.data() + at + 4);
     const uint32_t size = GetU32(pending.data() + at + 8);
     if (packageSize < LEVEL2_HEADER || packageSize > MAX_FRAME || size != packageSize - LEVEL2_HEADER) {
-      *problem = StringPrintf("the service sent a malformed frame (length %u, type %u, size %u)", packageSize, type,
-                              size);
+      *problem =
+          StringPrintf("the service sent a malformed frame (length %u, type %u, size %u)", packageSize, type, size);
       return false;
     }
     if (pending.size() - at < sizeof(uint32_t) + packageSize) break;

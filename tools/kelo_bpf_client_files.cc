@@ -26,9 +26,9 @@ constexpr size_t SHORT_ROW_TOKENS = 4 + 4 * 2 + 1;
 // first piece of a name with a newline in it.
 constexpr size_t COMM_LEN = 16;
 
-constexpr const char* STATE_COLUMNS[STATE_KINDS] = {
-    "kelo_task_init",   "kmem_rss_info",  "sched_task_create", "sched_task_exit", "dmabuf_size_info",
-    "cgroup_attach_cpuset_info", "fd_update_info", "dmabuf_update", "PollCount"};
+constexpr const char* STATE_COLUMNS[STATE_KINDS] = {"kelo_task_init",  "kmem_rss_info",    "sched_task_create",
+                                                    "sched_task_exit", "dmabuf_size_info", "cgroup_attach_cpuset_info",
+                                                    "fd_update_info",  "dmabuf_update",    "PollCount"};
 
 bool ParseInt64(std::string_view text, int64_t* value) {
   // Digits with an optional sign, within the range of int64_t.
@@ -238,7 +238,7 @@ const char* StateKindColumn(int kind) { return kind >= 0 && kind < STATE_KINDS ?
 
 int CountConnectedClients(const std::string& table, const std::string& socketName) {
   constexpr unsigned long ACCEPTING = 0x10000;  // __SO_ACCEPTCON
-  constexpr char CONNECTED[] = "03";              // SS_CONNECTED
+  constexpr char CONNECTED[] = "03";            // SS_CONNECTED
   int count = 0;
   for (const std::string& line : android::base::Split(table, "\n")) {
     // Num RefCount Protocol Flags Type St Inode Path; the path is the rest of

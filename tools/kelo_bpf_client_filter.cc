@@ -13,9 +13,7 @@ EventFilter::EventFilter(EventFilterOptions options, std::string procRoot)
       pidSet(this->options.pids.begin(), this->options.pids.end()),
       procRoot(std::move(procRoot)) {}
 
-bool EventFilter::active() const {
-  return !options.pids.empty() || !options.commGlob.empty() || options.minDelta != 0;
-}
+bool EventFilter::active() const { return !options.pids.empty() || !options.commGlob.empty() || options.minDelta != 0; }
 
 bool EventFilter::passes(const EventFacts& facts) {
   bool pass = true;

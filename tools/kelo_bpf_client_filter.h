@@ -34,7 +34,7 @@ namespace Bpf {
 
 struct EventFilterOptions {
   std::vector<int32_t> pids;
-  std::string commGlob;  // empty: no name filter
+  std::string commGlob;   // empty: no name filter
   uint64_t minDelta = 0;  // 0: no delta filter
 };
 

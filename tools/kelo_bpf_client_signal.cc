@@ -215,8 +215,8 @@ bool RequestServiceFile(pid_t pid, int signal, const std::string& path, double t
     }
     return Fail(error, CLIENT_EXIT_NO_SERVICE, StringPrintf("cannot signal process %d: %s", pid, strerror(errno)));
   }
-  const bool written = watching ? WaitForInotify(inotifyFd.get(), name, timeoutSeconds)
-                                : WaitForChange(path, before, timeoutSeconds);
+  const bool written =
+      watching ? WaitForInotify(inotifyFd.get(), name, timeoutSeconds) : WaitForChange(path, before, timeoutSeconds);
   if (!written) {
     return Fail(error, CLIENT_EXIT_FAILED,
                 StringPrintf("the service (pid %d) did not write %s within %.1f s", pid, path.c_str(), timeoutSeconds));

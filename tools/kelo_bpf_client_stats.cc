@@ -26,8 +26,9 @@ std::string KindName(int kind) {
 
 const std::map<std::string, int>& DumpSignals() {
   static const std::map<std::string, int> SIGNALS = {
-      {"all", SIGNAL_DUMP_ALL},     {"user", SIGNAL_DUMP_USER},          {"short", SIGNAL_DUMP_SHORT},
-      {"short-user", SIGNAL_DUMP_SHORT_USER}, {"state", SIGNAL_STATE},
+      {"all", SIGNAL_DUMP_ALL},     {"user", SIGNAL_DUMP_USER},
+      {"short", SIGNAL_DUMP_SHORT}, {"short-user", SIGNAL_DUMP_SHORT_USER},
+      {"state", SIGNAL_STATE},
   };
   return SIGNALS;
 }
@@ -74,8 +75,8 @@ std::string StatsText(const ServiceFigures& f) {
                        StringPrintf("last %" PRId64 " s", s.recentSeconds).c_str(), "per s");
   for (int kind = 0; kind < STATE_KINDS; ++kind) {
     if (kind == STATE_POLL_KIND) {
-      text += StringPrintf("%-16s %5s %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", "all events", "-",
-                           s.windowEvents(), Rate(s.windowEvents(), s.windowSeconds), s.recentEvents(),
+      text += StringPrintf("%-16s %5s %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", "all events", "-", s.windowEvents(),
+                           Rate(s.windowEvents(), s.windowSeconds), s.recentEvents(),
                            Rate(s.recentEvents(), s.recentSeconds));
     }
     text += StringPrintf("%-16s %5s %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", KindName(kind).c_str(),

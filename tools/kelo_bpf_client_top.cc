@@ -28,8 +28,8 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "tools/kelo_bpf_client_commands.h"
-#include "tools/kelo_bpf_client_figures.h"
 #include "tools/kelo_bpf_client_feed.h"
+#include "tools/kelo_bpf_client_figures.h"
 #include "tools/kelo_bpf_client_stop.h"
 #include "tools/kelo_bpf_client_top_table.h"
 #include "tools/kelo_bpf_client_types.h"

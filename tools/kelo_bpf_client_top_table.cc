@@ -191,18 +191,17 @@ std::string PrintableComm(const std::string& comm) {
 void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string* out) {
   std::string& text = *out;
   text.clear();
-  AppendFitted(&text,
-               StringPrintf("kelobpf top - %s, %zu processes, %" PRId64 " threads, %" PRIu64
-                            " events in the last %.1f s",
-                            screen.clock.c_str(), snapshot.rows.size(), snapshot.threads, snapshot.events,
-                            screen.delay),
-               screen.width);
-  AppendFitted(&text,
-               StringPrintf("RSS KiB: anon %" PRId64 ", file %" PRId64 ", shmem %" PRId64 ", swap %" PRId64
-                            ", total %" PRId64,
-                            snapshot.anonKb, snapshot.fileKb, snapshot.shmemKb, snapshot.swapKb,
-                            snapshot.anonKb + snapshot.fileKb + snapshot.shmemKb + snapshot.swapKb),
-               screen.width);
+  AppendFitted(
+      &text,
+      StringPrintf("kelobpf top - %s, %zu processes, %" PRId64 " threads, %" PRIu64 " events in the last %.1f s",
+                   screen.clock.c_str(), snapshot.rows.size(), snapshot.threads, snapshot.events, screen.delay),
+      screen.width);
+  AppendFitted(
+      &text,
+      StringPrintf("RSS KiB: anon %" PRId64 ", file %" PRId64 ", shmem %" PRId64 ", swap %" PRId64 ", total %" PRId64,
+                   snapshot.anonKb, snapshot.fileKb, snapshot.shmemKb, snapshot.swapKb,
+                   snapshot.anonKb + snapshot.fileKb + snapshot.shmemKb + snapshot.swapKb),
+      screen.width);
   text += "\n";
   AppendFitted(&text,
                StringPrintf("%7s %7s %5s %10s %10s %10s %10s %10s %10s %s", "PID", "PPID", "THR", "ANON", "FILE",
@@ -210,7 +209,8 @@ void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string
                screen.width);
   constexpr int HEADER_LINES = 4;
   size_t shown = snapshot.rows.size();
-  if (screen.height > 0) shown = std::min<size_t>(shown, static_cast<size_t>(std::max(0, screen.height - HEADER_LINES)));
+  if (screen.height > 0)
+    shown = std::min<size_t>(shown, static_cast<size_t>(std::max(0, screen.height - HEADER_LINES)));
   // Room for every row at its usual width, so that the text grows once.
   text.reserve(text.size() + shown * 112);
   std::string line;
@@ -219,11 +219,10 @@ void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string
     char change[24] = "0";
     if (row.changeKb != 0) snprintf(change, sizeof(change), "%+" PRId64, row.changeKb);
     char numbers[128];
-    const int length = snprintf(numbers, sizeof(numbers),
-                                "%7d %7d %5d %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64
-                                " %10s ",
-                                row.pid, row.ppid, row.threads, row.anonKb, row.fileKb, row.shmemKb, row.swapKb,
-                                row.totalKb(), change);
+    const int length =
+        snprintf(numbers, sizeof(numbers),
+                 "%7d %7d %5d %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10s ", row.pid,
+                 row.ppid, row.threads, row.anonKb, row.fileKb, row.shmemKb, row.swapKb, row.totalKb(), change);
     line.assign(numbers, static_cast<size_t>(std::max(0, std::min<int>(length, sizeof(numbers) - 1))));
     AppendPrintableComm(&line, row.comm);
     AppendFitted(&text, line, screen.width);

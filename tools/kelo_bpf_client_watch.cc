@@ -195,8 +195,11 @@ int RunWatch(const WatchOptions& options) {
     }
     // Nothing may leave the worker's callback by an exception.
     try {
-      const Json line = {{"record", "response"}, {"req_id", reqId},  {"type", type},
-                         {"name", TypeName(static_cast<uint32_t>(type))}, {"result", result}};
+      const Json line = {{"record", "response"},
+                         {"req_id", reqId},
+                         {"type", type},
+                         {"name", TypeName(static_cast<uint32_t>(type))},
+                         {"result", result}};
       std::printf("%s\n", JsonLine(line).c_str());
     } catch (const std::exception& e) {
       std::fprintf(stderr, "kelobpf-client: cannot show a response: %s\n", e.what());

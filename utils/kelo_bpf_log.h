@@ -22,5 +22,4 @@ inline constexpr char LOG_TAG_UTILS[] = "BpfUtils";
 // For a condition that a peer's bytes decide, which must never abort the
 // process: true when it holds; otherwise logs "Check failed: <condition>"
 // at error priority, as a fatal check would, and is false.
-#define KELO_PEER_CHECK(tag, condition) \
-  ((condition) ? true : (KELO_LOGE((tag), "Check failed: %s", #condition), false))
+#define KELO_PEER_CHECK(tag, condition) ((condition) ? true : (KELO_LOGE((tag), "Check failed: %s", #condition), false))

@@ -166,9 +166,10 @@ TEST_F(KeloBpfProgramsTest, ForksAreReportedOnlyWithTheCoreFlagThreadsAgainstThe
   });
   ASSERT_GE(threads.size(), tids.size());
   for (const kelo_task_create_event& thread : threads) EXPECT_EQ(thread.ppid, getppid());
-  EXPECT_TRUE(Matching<kelo_task_create_event>(records, KELO_EVENT_TASK_CREATE, [&](const auto& e) {
-                return std::find(tids.begin(), tids.end(), e.pid) != tids.end();
-              }).empty())
+  EXPECT_TRUE(Matching<kelo_task_create_event>(
+                  records, KELO_EVENT_TASK_CREATE,
+                  [&](const auto& e) { return std::find(tids.begin(), tids.end(), e.pid) != tids.end(); })
+                  .empty())
       << "a thread was reported as a process of its own";
 }
 
@@ -184,17 +185,18 @@ TEST_F(KeloBpfProgramsTest, ExitRecordsTellThreadsFromTheEndOfTheProcess) {
   const pid_t child = RunChild();
   const std::vector<Bytes> records = normal.reader->Drain();
 
-  auto ours = Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
-                                             [&](const auto& e) { return e.pid == getpid(); });
+  auto ours =
+      Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT, [&](const auto& e) { return e.pid == getpid(); });
   ASSERT_FALSE(ours.empty());
   for (const kelo_task_exit_event& e : ours) {
     EXPECT_EQ(e.kind, uint32_t{KELO_TASK_KIND_THREAD});
     EXPECT_EQ(CommOf(e.comm), OwnComm());
   }
-  EXPECT_EQ(Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT, [&](const auto& e) {
-              return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS;
-            }).size(),
-            1u);
+  EXPECT_EQ(
+      Matching<kelo_task_exit_event>(records, KELO_EVENT_TASK_EXIT,
+                                     [&](const auto& e) { return e.pid == child && e.kind == KELO_TASK_KIND_PROCESS; })
+          .size(),
+      1u);
 }
 
 // The process ends with its last thread, not with its group leader.

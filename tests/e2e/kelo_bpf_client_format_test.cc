@@ -19,7 +19,9 @@ std::string Misaligned(const Record& record) {
   return buffer;
 }
 
-std::string Format(const std::string& misaligned) { return FormatClientEvent(misaligned.data() + 1, misaligned.size() - 1); }
+std::string Format(const std::string& misaligned) {
+  return FormatClientEvent(misaligned.data() + 1, misaligned.size() - 1);
+}
 
 TEST(ClientFormat, DecodesRawAndDerivedRecordsAtAnyAlignment) {
   kelo_task_create_event fork{};

@@ -110,9 +110,9 @@ TEST(E2eClient, DumpPrintsEachFileOfTheServiceAndSaysWhyItCannot) {
   EXPECT_TRUE(std::any_of(dump.rows.begin(), dump.rows.end(), [](const Kelo::Bpf::TaskDumpRow& row) {
     return row.pid == getpid() && row.ppid == getppid() && row.anonKb > 0;
   })) << all.Out();
-  EXPECT_TRUE(std::any_of(dump.rows.begin(), dump.rows.end(),
-                          [](const Kelo::Bpf::TaskDumpRow& row) { return row.ppid == 2; }))
-      << "kernel threads are in the full dump";
+  EXPECT_TRUE(std::any_of(dump.rows.begin(), dump.rows.end(), [](const Kelo::Bpf::TaskDumpRow& row) {
+    return row.ppid == 2;
+  })) << "kernel threads are in the full dump";
 
   Tool shortUser(KELO_CLIENT_PATH, {"dump", "short-user"}, "dump-short-user");
   ASSERT_EQ(shortUser.Wait(), 0) << shortUser.Err();
@@ -249,7 +249,8 @@ class MemoryProbe {
     pid = fork();
     if (pid == 0) {
       const size_t bytes = megabytes << 20;
-      char* memory = static_cast<char*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+      char* memory =
+          static_cast<char*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
       if (memory == MAP_FAILED) _exit(1);
       memset(memory, 1, bytes);
       prctl(PR_SET_NAME, name);
@@ -277,8 +278,8 @@ TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
   Tool once(KELO_CLIENT_PATH, {"top", "-n", "1"}, "top-once");
   ASSERT_EQ(once.Wait(), 0) << once.Err();
   EXPECT_TRUE(android::base::StartsWith(once.Out(), "kelobpf top - ")) << once.Out();
-  EXPECT_TRUE(std::regex_search(once.Out(), std::regex("\n +" + std::to_string(probe.pid) +
-                                                       " +[0-9]+ +[0-9]+ +[0-9]{5,} .* kelo-top-probe\n")))
+  EXPECT_TRUE(std::regex_search(
+      once.Out(), std::regex("\n +" + std::to_string(probe.pid) + " +[0-9]+ +[0-9]+ +[0-9]{5,} .* kelo-top-probe\n")))
       << once.Out();
   EXPECT_EQ(once.Out().find('\x1b'), std::string::npos);
 
@@ -289,8 +290,8 @@ TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
     ~KillServer() { Shell(tmux + "kill-server 2>/dev/null"); }
   } killServer{tmux};
   const char* tsan = getenv("TSAN_OPTIONS");
-  const std::string command = std::string("env TSAN_OPTIONS=") + (tsan != nullptr ? tsan : "") + " " +
-                              KELO_CLIENT_PATH + " top -d 0.5";
+  const std::string command =
+      std::string("env TSAN_OPTIONS=") + (tsan != nullptr ? tsan : "") + " " + KELO_CLIENT_PATH + " top -d 0.5";
   int status = -1;
   Shell(tmux + "new-session -d -s top -x 160 -y 200 '" + command + "' \\; set-option -t top remain-on-exit on",
         &status);
@@ -302,8 +303,9 @@ TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
     return screen.find("kelobpf top - ") != std::string::npos &&
            std::regex_search(screen, std::regex("\n +" + row + " +[0-9]+ +[0-9]+ +[0-9]{5,} .* kelo-top-probe\n"));
   })) << screen;
-  EXPECT_NE(screen.find("    PID    PPID   THR       ANON       FILE      SHMEM       SWAP      TOTAL     CHANGE COMMAND"),
-            std::string::npos)
+  EXPECT_NE(
+      screen.find("    PID    PPID   THR       ANON       FILE      SHMEM       SWAP      TOTAL     CHANGE COMMAND"),
+      std::string::npos)
       << screen;
   EXPECT_TRUE(std::regex_search(screen, std::regex("RSS KiB: anon [0-9]+, file"))) << screen;
 

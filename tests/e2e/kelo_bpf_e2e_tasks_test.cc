@@ -11,12 +11,12 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <thread>
 #include <map>
 #include <optional>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bpf/kelo_bpf_events.h"
@@ -194,7 +194,8 @@ TEST(E2eTasks, ThreadsAndMemoryOfAProcessOlderThanThreeSecondsAreReported) {
     rss = Decode<kelo_rss_change_client_event>(package, KELO_CLIENT_EVENT_RSS_CHANGE);
     return rss && rss->pid == script.pid() && rss->rss[KELO_RSS_ANON] >= vmRss * 9 / 10 &&
            rss->rss[KELO_RSS_ANON] <= vmRss * 11 / 10;
-  })) << "no report of pid " << script.pid() << " near VmRSS " << vmRss;
+  })) << "no report of pid "
+      << script.pid() << " near VmRSS " << vmRss;
   EXPECT_EQ(rss->ppid, getpid());
   EXPECT_EQ(std::string(rss->comm), OwnComm());
 }
@@ -224,7 +225,10 @@ std::optional<TaskDump> RequestTaskDump(int signal) {
   unlink(path);
   kill(getpid(), signal);
   std::string text;
-  if (!WaitUntil([&] { return android::base::ReadFileToString(path, &text) && text.find("initTimeStamp") != std::string::npos && text.back() == '\n'; })) {
+  if (!WaitUntil([&] {
+        return android::base::ReadFileToString(path, &text) && text.find("initTimeStamp") != std::string::npos &&
+               text.back() == '\n';
+      })) {
     return std::nullopt;
   }
   TaskDump dump;

@@ -26,12 +26,12 @@ TEST(KernelVersionTest, CheckBpfCompatibility) {
     const char* rule;
     bool compatible;
   } const cases[] = {
-      {"5.10", "5.0+", true},       {"4.19", "5.0+", false},      {"", "5.0+", false},
-      {"6.1", "6.1+", true},        {"5.15", "6.1+", false},      {"5.10", "4.14-5.10", true},
-      {"4.14", "4.14-5.10", true},  {"5.15", "4.14-5.10", false}, {"4.9", "4.14-5.10", false},
-      {"4.19", "5.10-", true},      {"5.15", "5.10-", false},     {"", "5.10-", true},
+      {"5.10", "5.0+", true},      {"4.19", "5.0+", false},      {"", "5.0+", false},
+      {"6.1", "6.1+", true},       {"5.15", "6.1+", false},      {"5.10", "4.14-5.10", true},
+      {"4.14", "4.14-5.10", true}, {"5.15", "4.14-5.10", false}, {"4.9", "4.14-5.10", false},
+      {"4.19", "5.10-", true},     {"5.15", "5.10-", false},     {"", "5.10-", true},
       {"4.19", "4.19-", true},  // a trailing "-" is an upper bound, never a range
-      {"5.4", "5.4", true},         {"5.10", "5.4", false},       {"5.40", "5.4", false},
+      {"5.4", "5.4", true},        {"5.10", "5.4", false},       {"5.40", "5.4", false},
       {"5.10.43", "5.10", true},
   };
   for (const auto& c : cases) {

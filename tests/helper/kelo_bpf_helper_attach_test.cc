@@ -83,7 +83,8 @@ unique_fd LoadCounterProgram(int mapFd, uint32_t slot) {
 }
 
 unique_fd LoadEmptyProgram(bpf_prog_type type) {
-  const bpf_insn insns[] = {Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0), Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0)};
+  const bpf_insn insns[] = {Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
+                            Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0)};
   return LoadProgram(type, insns, std::size(insns));
 }
 
@@ -178,7 +179,8 @@ TEST_F(AttachProgramTest, TableLoopCountsOnlyFailedAttachesAndNeverStops) {
   Pin(LoadEmptyProgram(BPF_PROG_TYPE_KPROBE), PinnedPath(NORMAL_DEFINESET, "kretprobe", "return_fd_install"));
   PinCounter(0, PinnedPath(GPL_DEFINESET, "tracepoint", "sched_sched_process_fork"));
   const BpfAttachTable table = {
-      {GPL_DEFINESET, {{ATTACH_KIND_TRACEPOINT, {{"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"}}}}},
+      {GPL_DEFINESET,
+       {{ATTACH_KIND_TRACEPOINT, {{"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"}}}}},
       {NORMAL_DEFINESET,
        {{7, {{"unknown_kind", "sched", "sched_switch", "5.0+"}}},
         {ATTACH_KIND_KRETPROBE, {{"return_fd_install", "fd_install", "", "5.0+"}}},
@@ -207,7 +209,8 @@ TEST_F(AttachProgramTest, TableLoopCountsOnlyFailedAttachesAndNeverStops) {
     EXPECT_GE(at, previous) << line;
     previous = at;
   }
-  EXPECT_EQ(log.contains("Attach kprobe prog failed: KeloBpfDefineset, progname: enter_fd_install"), !KernelHasKprobes());
+  EXPECT_EQ(log.contains("Attach kprobe prog failed: KeloBpfDefineset, progname: enter_fd_install"),
+            !KernelHasKprobes());
   EXPECT_EQ(log.contains("Attach kretprobe prog failed: KeloBpfDefineset, progname: return_fd_install"),
             !KernelHasKprobes());
   EXPECT_EQ(log.count("Attach bpf prog start"), 5);
@@ -293,7 +296,7 @@ TEST(AttachTablesTest, RowsMatchTheRealProgramSets) {
         for (const auto& row : rows) {
           ASSERT_EQ(row.size(), ATTACH_ROW_COLUMNS) << defineset;
           const std::string& target = row[ATTACH_COL_TARGET];
-          const std::string expected = kind == ATTACH_KIND_TRACEPOINT ? target + "_" + row[ATTACH_COL_EVENT]
+          const std::string expected = kind == ATTACH_KIND_TRACEPOINT  ? target + "_" + row[ATTACH_COL_EVENT]
                                        : defineset == NORMAL_DEFINESET ? "enter_" + target
                                                                        : target;
           EXPECT_EQ(row[ATTACH_COL_PROG_NAME], expected) << defineset << " kind " << kind;

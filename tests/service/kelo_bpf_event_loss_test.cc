@@ -32,9 +32,8 @@ std::string RawRecord(uint32_t type, uint64_t ts) { return Bytes(type) + Bytes(u
 class TrimmedQueue {
  public:
   TrimmedQueue(LossLedger* ledger, int fd) {
-    queue.setTrimListener([ledger, fd](const std::deque<KeloIpcPackage>& removed) {
-      ledger->QueueTrimmed(fd, removed, TRIM_TIME_NS);
-    });
+    queue.setTrimListener(
+        [ledger, fd](const std::deque<KeloIpcPackage>& removed) { ledger->QueueTrimmed(fd, removed, TRIM_TIME_NS); });
   }
   void Event(const std::string& record) {
     queue.buildAndAppendSecondIpcPackage(3, record.data(), static_cast<uint32_t>(record.size()));
@@ -62,9 +61,10 @@ void ExpectReport(const LossLedger::Report& report, int fd, int32_t type, uint32
   // The record is packed: its fields are copied out, never referenced.
   kelo_events_lost_client_event record;
   memcpy(&record, &report.record, sizeof(record));
-  const uint64_t fields[] = {record.type, static_cast<uint64_t>(record.lost_type), record.site, record.count,
-                             record.first_ts, record.last_ts};
-  const uint64_t expected[] = {KELO_CLIENT_EVENT_EVENTS_LOST, static_cast<uint64_t>(type), site, count, firstTs, lastTs};
+  const uint64_t fields[] = {
+      record.type, static_cast<uint64_t>(record.lost_type), record.site, record.count, record.first_ts, record.last_ts};
+  const uint64_t expected[] = {
+      KELO_CLIENT_EVENT_EVENTS_LOST, static_cast<uint64_t>(type), site, count, firstTs, lastTs};
   EXPECT_EQ(report.fd, fd);
   for (size_t i = 0; i < std::size(fields); ++i) EXPECT_EQ(fields[i], expected[i]) << "field " << i;
 }

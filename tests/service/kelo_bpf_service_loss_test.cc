@@ -144,7 +144,8 @@ TEST_F(ServiceLossTest, ASlowClientLosesOnlyItsOwnEventsAndHearsOfEachExactlyOnc
 
   const std::optional<std::string> state = kelo_test::RequestStateText();
   ASSERT_TRUE(state);
-  EXPECT_EQ(kelo_test::StateLine(*state, "QueueTrimmed"), std::vector<int64_t>{static_cast<int64_t>(slowTally.reported)});
+  EXPECT_EQ(kelo_test::StateLine(*state, "QueueTrimmed"),
+            std::vector<int64_t>{static_cast<int64_t>(slowTally.reported)});
   EXPECT_EQ(kelo_test::StateLine(*state, "PacingWaits"), std::vector<int64_t>{static_cast<int64_t>(waitsBefore)});
 }
 

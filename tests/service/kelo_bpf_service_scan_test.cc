@@ -68,11 +68,12 @@ class Sleepers {
         std::vector<std::thread> threads;
         std::string memory;
         if (kind == 1) {
-          for (int i = 0; i < 3; ++i) threads.emplace_back([fd = ends[0]] {
-            char c;
-            while (read(fd, &c, 1) > 0) {
-            }
-          });
+          for (int i = 0; i < 3; ++i)
+            threads.emplace_back([fd = ends[0]] {
+              char c;
+              while (read(fd, &c, 1) > 0) {
+              }
+            });
         }
         if (kind == 2) memory.assign(8 << 20, 'x');
         char c;
@@ -150,8 +151,9 @@ int ScanInOwnPidNamespace() {
     // This process allocates while it scans.
     const bool still = pid == 1 ? row.ppid == now->second.ppid : row == now->second;
     if (still && (pid == 1 ? seen.ppid != row.ppid : !(seen == row))) {
-      problem(android::base::StringPrintf("pid %d: table ppid %d threads %d rss %ld kB, ps ppid %d threads %d rss %ld kB",
-                                          pid, seen.ppid, seen.threads, seen.rssKb, row.ppid, row.threads, row.rssKb));
+      problem(
+          android::base::StringPrintf("pid %d: table ppid %d threads %d rss %ld kB, ps ppid %d threads %d rss %ld kB",
+                                      pid, seen.ppid, seen.threads, seen.rssKb, row.ppid, row.threads, row.rssKb));
     }
     if (task.uid != 0 || task.oldThreadNum != task.threadNum || task.rssAnonOldSize != task.rssAnonSize ||
         task.initTimeStamp < GetBasetime() || task.initTimeStamp > time(nullptr) + 1) {

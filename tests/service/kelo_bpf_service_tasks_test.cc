@@ -34,7 +34,7 @@ using kelo_test::Bytes;
 using kelo_test::WaitUntil;
 
 constexpr uint64_t SECOND_NS = 1000000000;
-constexpr uint64_t BORN = 50 * SECOND_NS;     // kernel time the test's records are made at
+constexpr uint64_t BORN = 50 * SECOND_NS;       // kernel time the test's records are made at
 constexpr uint64_t OLD = BORN + 3 * SECOND_NS;  // first time a change of them is reported
 constexpr int32_t UNKNOWN_PID = 100001;         // above pid_max: never a real process
 
@@ -176,9 +176,8 @@ class TaskHandlerTest : public ::testing::Test {
       ASSERT_EQ(client.Ask(type, REQ_ADD_OBSERVER_EVENT, type), 0);
     }
     // Task records flow once the scan is over and the normal pump polls.
-    ASSERT_TRUE(WaitUntil([&] {
-      return rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL);
-    }));
+    ASSERT_TRUE(WaitUntil(
+        [&] { return rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL); }));
   }
   void Inject(const std::string& record) { ASSERT_TRUE(rings->normal->Inject(record.data(), record.size())); }
   // A copy of the table's record of pid, taken under the table's lock once

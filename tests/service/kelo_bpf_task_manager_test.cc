@@ -103,10 +103,10 @@ TEST(KeloTaskTest, RssMembersFollowTheKernelNumbering) {
     task.Rss(member) = 10 + member;
     task.RssOld(member) = 20 + member;
   }
-  EXPECT_THAT((std::vector<int64_t>{task.rssFileSize, task.rssAnonSize, task.rssSwapSize, task.rssShmemSize,
-                                    task.rssFileOldSize, task.rssAnonOldSize, task.rssSwapOldSize,
-                                    task.rssShmemOldSize}),
-              ::testing::ElementsAre(10, 11, 12, 13, 20, 21, 22, 23));
+  EXPECT_THAT(
+      (std::vector<int64_t>{task.rssFileSize, task.rssAnonSize, task.rssSwapSize, task.rssShmemSize,
+                            task.rssFileOldSize, task.rssAnonOldSize, task.rssSwapOldSize, task.rssShmemOldSize}),
+      ::testing::ElementsAre(10, 11, 12, 13, 20, 21, 22, 23));
 }
 
 TEST(KeloTaskDeathTest, RssMemberOutOfRangeIsFatal) {

@@ -177,8 +177,8 @@ std::unique_ptr<ServiceRingBuffers> ServiceRingBuffers::Create() {
       RingBufferFixture::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_map"), KELO_GPL_RINGBUF_BYTES);
   rings->gplStatus = StatusArray::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_status"));
   rings->gplLost = LostCounts::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_lost"));
-  const bool complete = rings->normal && rings->normalStatus && rings->normalLost && rings->gpl && rings->gplStatus &&
-                        rings->gplLost;
+  const bool complete =
+      rings->normal && rings->normalStatus && rings->normalLost && rings->gpl && rings->gplStatus && rings->gplLost;
   return complete ? std::move(rings) : nullptr;
 }
 

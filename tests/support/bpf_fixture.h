@@ -62,7 +62,7 @@ class RingBufferFixture {
   std::string path_;
   android::base::unique_fd map_;
   std::unique_ptr<bpf_object, ObjectCloser> injector_;  // loaded on first Inject
-  int injectorProg_ = -1;                                // owned by injector_
+  int injectorProg_ = -1;                               // owned by injector_
 };
 
 // A ring-buffer status array (KELO_RB_STATUS_ENTRIES u64 entries).
@@ -139,7 +139,6 @@ class RingBufferReader {
 // Loads the kernel programs built with this tree and pins them under dir as
 // the platform does; true when every program and map was pinned. The report
 // (optional) lists what was pinned and what failed.
-bool LoadAndPinPrograms(const std::string& dir = KELO_BPF_FS_DIR,
-                        Kelo::Bpf::BpfLoadReport* report = nullptr);
+bool LoadAndPinPrograms(const std::string& dir = KELO_BPF_FS_DIR, Kelo::Bpf::BpfLoadReport* report = nullptr);
 
 }  // namespace kelo_test

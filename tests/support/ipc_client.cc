@@ -42,7 +42,9 @@ bool IpcClient::Connect() {
   });
 }
 
-bool IpcClient::Send(const std::string& bytes) { return android::base::WriteFully(fd_.get(), bytes.data(), bytes.size()); }
+bool IpcClient::Send(const std::string& bytes) {
+  return android::base::WriteFully(fd_.get(), bytes.data(), bytes.size());
+}
 
 std::optional<Package> IpcClient::Next(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -53,7 +55,8 @@ std::optional<Package> IpcClient::Next(std::chrono::milliseconds limit) {
     return pending_.size() >= 4 + size;
   };
   while (!whole()) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd readable = {fd_.get(), POLLIN, 0};
     const int ready = left.count() > 0 ? poll(&readable, 1, static_cast<int>(left.count())) : 0;
     if (ready < 0 && errno == EINTR) continue;  // a signal sent by the test landed here

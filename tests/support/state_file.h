@@ -62,7 +62,9 @@ inline std::optional<std::string> RequestStateText(std::chrono::milliseconds lim
   unlink(path);
   kill(getpid(), SIGNAL_DUMP_STATE);
   std::string text;
-  const auto written = [&] { return android::base::ReadFileToString(path, &text) && !text.empty() && text.back() == '\n'; };
+  const auto written = [&] {
+    return android::base::ReadFileToString(path, &text) && !text.empty() && text.back() == '\n';
+  };
   if (!WaitUntil(written, limit)) return std::nullopt;
   return text;
 }

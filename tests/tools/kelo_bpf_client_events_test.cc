@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <string>
@@ -131,7 +131,8 @@ TEST(ClientJson, OddProcessNamesStayValidJsonAndLosslessWhenNotUtf8) {
 TEST(ClientJson, ShortAndUnknownRecordsCarryTheirBytes) {
   const uint32_t shortFork[] = {KELO_EVENT_TASK_CREATE, 0xabcdef01};
   const Json json = EventToJson(reinterpret_cast<const char*>(shortFork), sizeof(shortFork));
-  EXPECT_EQ(JsonLine(json), R"({"record":"event","type":2,"name":"fork","short":true,"size":8,"bytes":"0200000001efcdab"})");
+  EXPECT_EQ(JsonLine(json),
+            R"({"record":"event","type":2,"name":"fork","short":true,"size":8,"bytes":"0200000001efcdab"})");
   const uint32_t lost[] = {CLIENT_EVENT_LOST, 3};
   EXPECT_EQ(EventToJson(reinterpret_cast<const char*>(lost), sizeof(lost))["name"], "lost");
   const uint32_t unknown[] = {42};
@@ -170,7 +171,7 @@ TEST_F(ClientFilter, PidAndNameGlobUseNamesLearntFromEarlierEventsOrProc) {
 
   EventFilter filter({{}, "surface*", 0}, procRoot);
   EXPECT_TRUE(filter.active());
-  EXPECT_TRUE(filter.passes(Facts(Rss(77, KELO_RSS_ANON, 1))));  // from /proc
+  EXPECT_TRUE(filter.passes(Facts(Rss(77, KELO_RSS_ANON, 1))));   // from /proc
   EXPECT_FALSE(filter.passes(Facts(Rss(78, KELO_RSS_ANON, 1))));  // no name anywhere
   kelo_task_create_event fork{};
   fork.header.type = KELO_EVENT_TASK_CREATE;
@@ -197,13 +198,13 @@ TEST_F(ClientFilter, MinDeltaAddsUpSmallRssStepsPerPidAndMemberAndLetsOtherTypes
   EventFilter filter({{}, "", 10000});
   EXPECT_FALSE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 4000))));
   EXPECT_FALSE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 8000))));
-  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 12000))));   // 12000 from 0
-  EXPECT_FALSE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 3000))));   // 9000 down from 12000
-  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 2000))));    // 10000 down
-  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_FILE, 10000))));   // members apart
-  EXPECT_FALSE(filter.passes(Facts(Rss(6, KELO_RSS_ANON, 9999))));   // pids apart
-  EXPECT_TRUE(filter.passes(Facts(Exit(5, "x"))));                   // not an RSS event
-  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 10000))));   // forgotten at exit
+  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 12000))));  // 12000 from 0
+  EXPECT_FALSE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 3000))));  // 9000 down from 12000
+  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 2000))));   // 10000 down
+  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_FILE, 10000))));  // members apart
+  EXPECT_FALSE(filter.passes(Facts(Rss(6, KELO_RSS_ANON, 9999))));  // pids apart
+  EXPECT_TRUE(filter.passes(Facts(Exit(5, "x"))));                  // not an RSS event
+  EXPECT_TRUE(filter.passes(Facts(Rss(5, KELO_RSS_ANON, 10000))));  // forgotten at exit
 
   kelo_rss_change_client_event change{};
   change.type = KELO_CLIENT_EVENT_RSS_CHANGE;

@@ -32,16 +32,16 @@ TEST(ClientHttp, ParsesRequestHeadsStrictlyButAcceptsBareLineFeeds) {
   EXPECT_EQ(Parse("GET /metrics HTTP/1.1\r\nHost: a\r\n"), HttpParse::INCOMPLETE);
   EXPECT_EQ(Parse(""), HttpParse::INCOMPLETE);
   for (const char* bad : {
-           "GET  /metrics HTTP/1.1\r\n\r\n",           // two blanks
-           "GET /metrics\r\n\r\n",                     // no version
-           "GET /metrics HTTP/1\r\n\r\n",              // malformed version
-           "GET /me trics HTTP/1.1\r\n\r\n",           // blank in the target
-           "GET metrics HTTP/1.1\r\n\r\n",             // neither origin nor absolute form
-           "G(T /metrics HTTP/1.1\r\n\r\n",            // method not a token
-           "GET /metrics HTTP/1.1\r\nHost : a\r\n\r\n",  // blank before the colon
-           "GET /metrics HTTP/1.1\r\nHost\r\n\r\n",    // no colon
+           "GET  /metrics HTTP/1.1\r\n\r\n",               // two blanks
+           "GET /metrics\r\n\r\n",                         // no version
+           "GET /metrics HTTP/1\r\n\r\n",                  // malformed version
+           "GET /me trics HTTP/1.1\r\n\r\n",               // blank in the target
+           "GET metrics HTTP/1.1\r\n\r\n",                 // neither origin nor absolute form
+           "G(T /metrics HTTP/1.1\r\n\r\n",                // method not a token
+           "GET /metrics HTTP/1.1\r\nHost : a\r\n\r\n",    // blank before the colon
+           "GET /metrics HTTP/1.1\r\nHost\r\n\r\n",        // no colon
            "GET /metrics HTTP/1.1\r\nA: b\r\n c\r\n\r\n",  // folded line
-           "GET /metrics HTTP/1.1\rX\r\n\r\n",         // lone CR
+           "GET /metrics HTTP/1.1\rX\r\n\r\n",             // lone CR
            "\rGET /metrics HTTP/1.1\r\n\r\n",
        }) {
     EXPECT_EQ(Parse(bad), HttpParse::BAD) << bad;

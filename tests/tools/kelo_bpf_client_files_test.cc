@@ -53,9 +53,12 @@ TEST(ClientFiles, ReadsEveryRowOfTheServicesFullAndShortDumps) {
     std::string parsed;
   };
   const Name names[] = {
-      {"Web Content", 11, "Web Content"},       {"0123456789abcdef", 16, "0123456789abcdef"},
-      {"two\nlines", 9, "two\nlines"},          {"42 7", 4, "42 7"},
-      {"", 0, ""},                              {"trailing ", 9, "trailing"},
+      {"Web Content", 11, "Web Content"},
+      {"0123456789abcdef", 16, "0123456789abcdef"},
+      {"two\nlines", 9, "two\nlines"},
+      {"42 7", 4, "42 7"},
+      {"", 0, ""},
+      {"trailing ", 9, "trailing"},
       {"kworker/0:1", 11, "kworker/0:1"},
   };
   int pid = 400;
@@ -83,8 +86,8 @@ TEST(ClientFiles, ReadsEveryRowOfTheServicesFullAndShortDumps) {
     ASSERT_EQ(dump.rows.size(), std::size(names) + (full ? 1 : 0));
     for (size_t i = 0; i < std::size(names); ++i) {
       const int expectedPid = 400 + static_cast<int>(i);
-      const auto row = std::find_if(dump.rows.begin(), dump.rows.end(),
-                                    [&](const TaskDumpRow& r) { return r.pid == expectedPid; });
+      const auto row =
+          std::find_if(dump.rows.begin(), dump.rows.end(), [&](const TaskDumpRow& r) { return r.pid == expectedPid; });
       ASSERT_NE(row, dump.rows.end()) << expectedPid;
       EXPECT_EQ(row->comm, names[i].parsed) << expectedPid;
       EXPECT_EQ(row->ppid, expectedPid - 1);
@@ -109,11 +112,12 @@ TEST(ClientFiles, RefusesWhatIsNotADumpAndCountsLinesThatAreNotRows) {
       "============ DUMP ALL KELO TASKS INFO (count: 3, time: 17) ============\n"
       "comm               pid         ppid        threadNum   mmId        rssAnonSize         rssFileSize         "
       "rssShmemSize        rssSwapSize         initTimeStamp       \n";
-  ASSERT_TRUE(ParseTaskDump(head + "init                 1           0           1           0                 -1 "
-                                   "KB                2 KB                3 KB                4 KB                   5\n"
-                                   "this line is longer than a name and no row\n"
-                                   "init                 1           0           1           0                 1 "
-                                   "MB                2 KB                3 KB                4 KB                   5\n",
+  ASSERT_TRUE(ParseTaskDump(head +
+                                "init                 1           0           1           0                 -1 "
+                                "KB                2 KB                3 KB                4 KB                   5\n"
+                                "this line is longer than a name and no row\n"
+                                "init                 1           0           1           0                 1 "
+                                "MB                2 KB                3 KB                4 KB                   5\n",
                             &dump, &problem))
       << problem;
   ASSERT_EQ(dump.rows.size(), 1u);
@@ -184,13 +188,13 @@ TEST(ClientFiles, RefusesMalformedStateFilesAndToleratesAShortOne) {
 TEST(ClientFiles, CountsTheAcceptedConnectionsOfTheServicesSocketOnly) {
   const std::string fixture =
       "Num       RefCount Protocol Flags    Type St Inode Path\n"
-      "0000000000000000: 00000002 00000000 00010000 0001 01 10 @/mnt/kelo\n"       // the listener
-      "0000000000000000: 00000003 00000000 00000000 0001 03 11 @/mnt/kelo\n"       // accepted
-      "0000000000000000: 00000003 00000000 00000000 0001 03 12 /mnt/kelo\n"        // same name, by path
-      "0000000000000000: 00000003 00000000 00000000 0001 03 13\n"                  // client side: no name
-      "0000000000000000: 00000002 00000000 00000000 0001 02 14 @/mnt/kelo\n"       // not yet accepted
-      "0000000000000000: 00000003 00000000 00000000 0001 03 15 @/mnt/kelo2\n"      // another name
-      "0000000000000000: 00000003 00000000 00000000 0001 03 16 @/mnt/kelo x\n";    // name with a blank
+      "0000000000000000: 00000002 00000000 00010000 0001 01 10 @/mnt/kelo\n"     // the listener
+      "0000000000000000: 00000003 00000000 00000000 0001 03 11 @/mnt/kelo\n"     // accepted
+      "0000000000000000: 00000003 00000000 00000000 0001 03 12 /mnt/kelo\n"      // same name, by path
+      "0000000000000000: 00000003 00000000 00000000 0001 03 13\n"                // client side: no name
+      "0000000000000000: 00000002 00000000 00000000 0001 02 14 @/mnt/kelo\n"     // not yet accepted
+      "0000000000000000: 00000003 00000000 00000000 0001 03 15 @/mnt/kelo2\n"    // another name
+      "0000000000000000: 00000003 00000000 00000000 0001 03 16 @/mnt/kelo x\n";  // name with a blank
   EXPECT_EQ(CountConnectedClients(fixture, "/mnt/kelo"), 2);
   EXPECT_EQ(CountConnectedClients(fixture, "/mnt/kelo x"), 1);
 

@@ -52,8 +52,7 @@ TEST(ClientTop, TheDumpSeedsTheTableAndDerivedEventsMoveIt) {
   gone.pid = 30;
   Apply(&table, gone);
   TaskDump dump;
-  dump.rows = {Row(10, "small", 100, 1), Row(20, "big", 5000, 4), Row(30, "exiting", 9000, 1),
-               Row(40, "tied", 100, 2)};
+  dump.rows = {Row(10, "small", 100, 1), Row(20, "big", 5000, 4), Row(30, "exiting", 9000, 1), Row(40, "tied", 100, 2)};
   table.load(dump);
 
   TopSnapshot first = table.snapshot();
@@ -89,7 +88,7 @@ TEST(ClientTop, TheDumpSeedsTheTableAndDerivedEventsMoveIt) {
   EXPECT_EQ(second.rows[0].threads, 15);
   EXPECT_EQ(second.rows[1].pid, 50);
   EXPECT_EQ(second.rows[1].comm, "renamed");
-  EXPECT_EQ(second.rows[1].anonKb, 2048);  // bytes to KiB, truncated
+  EXPECT_EQ(second.rows[1].anonKb, 2048);    // bytes to KiB, truncated
   EXPECT_EQ(second.rows[1].changeKb, 2058);  // new since the last snapshot
   EXPECT_EQ(second.rows[3].pid, 10);
   EXPECT_EQ(second.rows[3].changeKb, -50);
@@ -115,10 +114,12 @@ TEST(ClientTop, RendersHeaderAndRowsCutToTheTerminal) {
   TopScreen screen;
   screen.clock = "12:00:00";
   const std::string all = RenderTop(snapshot, screen);
-  EXPECT_EQ(all.substr(0, all.find('\n')), "kelobpf top - 12:00:00, 3 processes, 9 threads, 2 events in the last 1.0 s");
+  EXPECT_EQ(all.substr(0, all.find('\n')),
+            "kelobpf top - 12:00:00, 3 processes, 9 threads, 2 events in the last 1.0 s");
   EXPECT_NE(all.find("RSS KiB: anon 3000, file 0, shmem 0, swap 0, total 3000\n\n"), std::string::npos);
-  EXPECT_NE(all.find("    PID    PPID   THR       ANON       FILE      SHMEM       SWAP      TOTAL     CHANGE COMMAND\n"),
-            std::string::npos);
+  EXPECT_NE(
+      all.find("    PID    PPID   THR       ANON       FILE      SHMEM       SWAP      TOTAL     CHANGE COMMAND\n"),
+      std::string::npos);
   EXPECT_NE(all.find("   1234       1     3       1000          0          0          0       1000        +24 "
                      "caf\xc3\xa9\\x1b[2Jx\\xff\n"),
             std::string::npos);
@@ -153,8 +154,8 @@ TEST(ClientFeed, SubscribesThenHandsOverWholeEventsHoweverTheBytesArrive) {
 
   // Answers given before the requests are read: an event, then the two
   // responses (result 0) out of order.
-  const std::string answers = Frame(3, "early") + Frame(1, U32(1) + U32(0) + U32(0)) +
-                              Frame(1, U32(0) + U32(0) + U32(0));
+  const std::string answers =
+      Frame(3, "early") + Frame(1, U32(1) + U32(0) + U32(0)) + Frame(1, U32(0) + U32(0) + U32(0));
   ASSERT_TRUE(android::base::WriteFully(service.get(), answers.data(), answers.size()));
   ASSERT_TRUE(feed.subscribe({50001, 50004}, 5, collect, &problem)) << problem;
   EXPECT_EQ(events, std::vector<std::string>{"early"});

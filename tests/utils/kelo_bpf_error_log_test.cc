@@ -55,10 +55,10 @@ TEST_F(ErrorLogTest, FirstRecordIsTheWholeFileWithTheRecordingThreadAndTheCmdlin
   EXPECT_THAT(lines[1], ::testing::MatchesRegex("Time: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
   lines[1] = "Time";
   // ctest passes at least a test filter, so the arguments are blank-separated.
-  EXPECT_THAT(lines, ElementsAre("----------", "Time", "Pid: " + std::to_string(getpid()),
-                                 "Tid: " + std::to_string(tid),
-                                 "Cmdline: " + android::base::Join(::testing::internal::GetArgvs(), " "),
-                                 "Comm: BpfServiceTr", "ErrorCode: 2", "Error: bad frame", ""));
+  EXPECT_THAT(lines,
+              ElementsAre("----------", "Time", "Pid: " + std::to_string(getpid()), "Tid: " + std::to_string(tid),
+                          "Cmdline: " + android::base::Join(::testing::internal::GetArgvs(), " "), "Comm: BpfServiceTr",
+                          "ErrorCode: 2", "Error: bad frame", ""));
 }
 
 TEST_F(ErrorLogTest, NewestRecordComesFirstAndTheOldLogIsCutTo4999Lines) {
@@ -79,7 +79,8 @@ TEST_F(ErrorLogTest, NewestRecordComesFirstAndTheOldLogIsCutTo4999Lines) {
   RecordBpfServiceErrorInfo(7, "too big");
   lines = LogLines();
   ASSERT_EQ(lines.size(), 9u + 4999u);
-  EXPECT_THAT(std::vector<std::string>(lines.begin() + 7, lines.begin() + 10), ElementsAre("Error: too big", "", "old 0"));
+  EXPECT_THAT(std::vector<std::string>(lines.begin() + 7, lines.begin() + 10),
+              ElementsAre("Error: too big", "", "old 0"));
   EXPECT_EQ(lines.back(), "old 4998");
 }
 

@@ -64,7 +64,8 @@ TEST_F(IpcPackageManagerTest, OverflowTrimsToTheLowWaterMarkOncePerBurst) {
        [](IpcPackageManager& q) { q.buildAndAppendIpcPackage("\x02\0\0\0\0\0\0\0", 8); }},
       {4, "[AppendSecondIpc] ipc Package Queue too big: 10001",
        [](IpcPackageManager& q) { q.buildAndAppendSecondIpcPackage(2, nullptr, 0); }},
-      {5, "[AppendReqIpc] ipc Package Queue too big: 10001", [&](IpcPackageManager& q) { q.appendReqIpcPackage(&req); }},
+      {5, "[AppendReqIpc] ipc Package Queue too big: 10001",
+       [&](IpcPackageManager& q) { q.appendReqIpcPackage(&req); }},
       {6, "[AppendRespIpc] ipc Package Queue too big: 10001",
        [&](IpcPackageManager& q) { q.appendRespIpcPackage(&resp); }},
   };

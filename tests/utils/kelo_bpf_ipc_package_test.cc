@@ -52,8 +52,9 @@ TEST_F(PackageHandlerTest, FrameFillingTheWholeBufferFitsOneMoreByteIsDamage) {
   BufferState over = Holding(64, U32(61) + "abc");
   EXPECT_FALSE(CheckIpcPackageComplete(&over, &headerSize, &packageSize));
   EXPECT_EQ(over.bufferDataCursor, 0u) << "damage drops the buffer";
-  EXPECT_TRUE(log.contains("Ipc package too big or damage, clear buffer. packageSize: 65, cursor: 0, data: 7, "
-                           "bufferSize: 64"));
+  EXPECT_TRUE(
+      log.contains("Ipc package too big or damage, clear buffer. packageSize: 65, cursor: 0, data: 7, "
+                   "bufferSize: 64"));
   EXPECT_TRUE(log.contains("Buffer hexdump: 3d 00 00 00 61 62 63 "));
   EXPECT_EQ(kelo_test::ErrorLogCount(Kelo::Bpf::ERROR_CODE_PACKAGE_DAMAGED), 1);
   EXPECT_THAT(kelo_test::ErrorLogText(),

@@ -160,7 +160,8 @@ TEST_F(UnixIpcManagerTest, ResponsesReachTheCallbackOfTheirRequest) {
     server->manager->notifyNeedWriteData(fd);
     return 0;
   };
-  server = std::make_unique<Endpoint>(true, std::map<uint32_t, IpcPackageHandlerFunc>{{IPC_PACKAGE_TYPE_REQUEST, answer}});
+  server =
+      std::make_unique<Endpoint>(true, std::map<uint32_t, IpcPackageHandlerFunc>{{IPC_PACKAGE_TYPE_REQUEST, answer}});
   IpcReqCallBackManager pending;
   std::atomic<int> refused{0};
   Endpoint client(false, {{IPC_PACKAGE_TYPE_RESPONSE, [&](int, char* data, uint32_t) {
