@@ -93,17 +93,17 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_task_init_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
-      o["ppid"] = e.ppid;
-      o["uid"] = e.uid;
-      o["threads"] = e.thread_num;
+      o["pid"] = +e.pid;
+      o["ppid"] = +e.ppid;
+      o["uid"] = +e.uid;
+      o["threads"] = +e.thread_num;
       PutComm(out, "comm", Comm(e.comm));
       o["rss"] = {{"file", static_cast<int64_t>(e.rss_file)},
                   {"anon", static_cast<int64_t>(e.rss_anon)},
                   {"shmem", static_cast<int64_t>(e.rss_shmem)},
                   {"swap", static_cast<int64_t>(e.rss_swap)}};
       o["init_time"] = static_cast<int64_t>(e.init_time);
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
@@ -111,11 +111,11 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_rss_stat_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       o["member"] = Member(e.member);
       o["size"] = static_cast<int64_t>(e.size);
-      facts->pid = e.pid;
-      facts->rssMember = e.member;
+      facts->pid = +e.pid;
+      facts->rssMember = +e.member;
       facts->rssSize = static_cast<int64_t>(e.size);
       return true;
     }
@@ -123,12 +123,12 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_task_create_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
-      o["ppid"] = e.ppid;
-      o["uid"] = e.uid;
+      o["pid"] = +e.pid;
+      o["ppid"] = +e.ppid;
+      o["uid"] = +e.uid;
       PutComm(out, "comm", Comm(e.comm));
       o["kind"] = Kind(e.kind);
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
@@ -136,10 +136,10 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_task_exit_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       PutComm(out, "comm", Comm(e.comm));
       o["kind"] = Kind(e.kind);
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       facts->processExit = e.kind == KELO_TASK_KIND_PROCESS;
       return true;
@@ -148,23 +148,23 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_dmabuf_size_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       o["allocated"] = static_cast<int64_t>(e.allocated_size);
       o["referenced"] = static_cast<int64_t>(e.referenced_size);
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       return true;
     }
     case KELO_EVENT_CGROUP_ATTACH: {
       kelo_cgroup_attach_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       PutComm(out, "comm", Comm(e.comm));
-      o["root"] = e.dst_root;
-      o["level"] = e.dst_level;
+      o["root"] = +e.dst_root;
+      o["level"] = +e.dst_level;
       o["id"] = static_cast<uint64_t>(e.dst_id);
       PutComm(out, "path", Comm(e.path));
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
@@ -172,11 +172,11 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       kelo_fd_update_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
-      o["pid"] = e.pid;
-      o["fd"] = e.fd;
+      o["pid"] = +e.pid;
+      o["fd"] = +e.fd;
       o["open_count"] = static_cast<uint64_t>(e.open_count);
       PutComm(out, "comm", Comm(e.comm));
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
@@ -185,32 +185,32 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       if (!CopyRecord(bytes, size, &e)) return false;
       o["ts"] = static_cast<uint64_t>(e.header.ts);
       o["op"] = DmabufOp(e.op);
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       o["inode"] = static_cast<uint64_t>(e.inode);
       o["size"] = static_cast<int64_t>(e.size);
-      o["owner"] = e.owner_pid;
+      o["owner"] = +e.owner_pid;
       PutComm(out, "comm", Comm(e.comm));
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
     case KELO_CLIENT_EVENT_PROCESS_CREATE: {
       kelo_process_create_client_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      o["pid"] = e.pid;
-      o["ppid"] = e.ppid;
-      o["uid"] = e.uid;
+      o["pid"] = +e.pid;
+      o["ppid"] = +e.ppid;
+      o["uid"] = +e.uid;
       PutComm(out, "comm", Comm(e.comm));
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       return true;
     }
     case KELO_CLIENT_EVENT_PROCESS_EXIT: {
       kelo_process_exit_client_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      o["pid"] = e.pid;
+      o["pid"] = +e.pid;
       PutComm(out, "comm", Comm(e.comm));
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       facts->processExit = true;
       return true;
@@ -218,12 +218,12 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
     case KELO_CLIENT_EVENT_THREAD_COUNT: {
       kelo_thread_count_client_event e;
       if (!CopyRecord(bytes, size, &e)) return false;
-      o["pid"] = e.pid;
-      o["ppid"] = e.ppid;
-      o["uid"] = e.uid;
-      o["old_threads"] = e.old_thread_num;
-      o["threads"] = e.thread_num;
-      facts->pid = e.pid;
+      o["pid"] = +e.pid;
+      o["ppid"] = +e.ppid;
+      o["uid"] = +e.uid;
+      o["old_threads"] = +e.old_thread_num;
+      o["threads"] = +e.thread_num;
+      facts->pid = +e.pid;
       return true;
     }
     case KELO_CLIENT_EVENT_RSS_CHANGE: {
@@ -233,14 +233,14 @@ bool Decode(uint32_t type, const char* bytes, size_t size, Json* out, EventFacts
       __s64 rssOld[KELO_RSS_MEMBERS];
       memcpy(rss, e.rss, sizeof(rss));
       memcpy(rssOld, e.rss_old, sizeof(rssOld));
-      o["pid"] = e.pid;
-      o["ppid"] = e.ppid;
-      o["uid"] = e.uid;
+      o["pid"] = +e.pid;
+      o["ppid"] = +e.ppid;
+      o["uid"] = +e.uid;
       PutComm(out, "comm", Comm(e.comm));
       o["rss"] = RssObject(rss);
       o["rss_old"] = RssObject(rssOld);
       o["delta"] = RssDelta(e);
-      facts->pid = e.pid;
+      facts->pid = +e.pid;
       facts->comm = Comm(e.comm);
       facts->rssDelta = RssDelta(e);
       return true;

@@ -89,7 +89,9 @@ TEST(E2eClient, WatchJsonPrintsOnlyTheEventsOfNamedProcessesAsOneObjectPerLine) 
       EXPECT_EQ(object["comm"], "kelo-probe-1") << line;
       EXPECT_EQ(children.count(object["pid"].get<int64_t>()), 1u) << line;
       // A sanitizer's helper thread may end before the process.
-      if (object["name"] == "exit") EXPECT_TRUE(object["kind"] == "process" || object["kind"] == "thread") << line;
+      if (object["name"] == "exit") {
+        EXPECT_TRUE(object["kind"] == "process" || object["kind"] == "thread") << line;
+      }
     } else if (object["record"] == "summary" && !object.contains("type")) {
       EXPECT_EQ(object["events"], 2) << line;
       EXPECT_TRUE(object.contains("filtered_out")) << line;

@@ -91,7 +91,9 @@ class UnalignedRecordsTest : public ::testing::Test {
   std::string NextEvent(const std::optional<std::string>& expected = std::nullopt) {
     std::optional<kelo_test::Package> package = client.Next();
     if (!package) return "no package";
-    if (expected) EXPECT_EQ(package->payload, *expected);
+    if (expected) {
+      EXPECT_EQ(package->payload, *expected);
+    }
     return Decode(package->payload);
   }
 

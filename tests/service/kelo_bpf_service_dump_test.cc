@@ -221,7 +221,9 @@ TEST_F(ServiceDumpTest, EachSignalWritesItsVariantWithWholeRecordsWhileTheTableC
       ASSERT_EQ(row.comm, "mutator");
       ASSERT_EQ(row.anon, row.pid);
       ASSERT_EQ(row.file, row.pid);
-      if (dump.full) ASSERT_EQ(row.threadNum, row.oldThreadNum);
+      if (dump.full) {
+        ASSERT_EQ(row.threadNum, row.oldThreadNum);
+      }
       ASSERT_EQ(row.shmem, row.swap);
       ASSERT_EQ(row.init, row.pid);
     }
