@@ -99,7 +99,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       return false;
     }
   }
-  if (options->warmup < 0) options->warmup = std::min(30, options->seconds / 4);
+  // The queues of slow and stalled clients, and the allocator with them,
+  // take a while to fill on a loaded machine: a quarter of the run.
+  if (options->warmup < 0) options->warmup = options->seconds / 4;
   return options->daemon > 0 && options->seconds > 0 && options->rate > 0 && options->slowRatio >= 1;
 }
 
@@ -277,6 +279,17 @@ int Run(const Options& options) {
 }  // namespace
 }  // namespace kelo_bench
 
+namespace {
+
+// Sender of the last SIGTERM, 0 for none. On a shared machine a stale pid in
+// someone else's `kill` can land here; the soak notes it and goes on (SIGINT
+// still ends it).
+volatile sig_atomic_t termSender = 0;
+
+void NoteTerm(int, siginfo_t* info, void*) { termSender = info != nullptr ? info->si_pid : -1; }
+
+}  // namespace
+
 int main(int argc, char** argv) {
   kelo_bench::Options options;
   if (!kelo_bench::ParseOptions(argc, argv, &options)) {
@@ -284,5 +297,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   signal(SIGPIPE, SIG_IGN);
-  return kelo_bench::Run(options);
+  struct sigaction term = {};
+  term.sa_sigaction = NoteTerm;
+  term.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigemptyset(&term.sa_mask);
+  sigaction(SIGTERM, &term, nullptr);
+  const int status = kelo_bench::Run(options);
+  if (termSender != 0) printf("note: a SIGTERM from pid %d was ignored\n", static_cast<int>(termSender));
+  return status;
 }

@@ -7,11 +7,12 @@
 #
 #   bash scripts/run_soak.sh [--minutes N | --seconds N] [--rate R]
 #                            [--mix FAST,SLOW,STALLED,RECONNECTING]
-#                            [--slow-ratio K] [--fast-lossless]
+#                            [--slow-ratio K] [--warmup S] [--fast-lossless]
 #
 # Defaults: 10 minutes, 100000 records/s, 64 clients (16 of each kind), slow
-# clients reading at 1/10 of the rate. --fast-lossless also fails the run
-# when a fast client or the kernel lost anything.
+# clients reading at 1/10 of the rate, RSS compared from the end of a warm-up
+# of a quarter of the run (--warmup SECONDS). --fast-lossless also fails the
+# run when a fast client or the kernel lost anything.
 #
 # It prints, per client, received + reported lost = emitted (exactly, or
 # "NOT EXACT"), per reconnecting client the same over its sessions' windows,
