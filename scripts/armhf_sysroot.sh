@@ -3,7 +3,8 @@
 # compiles against and qemu-arm runs the tests in: Debian's armhf C and C++
 # run-time and development packages and the armhf builds of every library the
 # service links (android-libbase, -liblog, -libcutils, libbpf, BCC's
-# libbcc_bpf, libelf, zlib, GoogleTest), each unpacked with `dpkg-deb -x`.
+# libbcc_bpf, libelf, zlib, CLI11, nlohmann-json, GoogleTest), each unpacked
+# with `dpkg-deb -x`.
 #
 # Nothing is installed on the host for this and the host's dpkg keeps its
 # architectures: apt runs with a private state directory that knows armhf
@@ -28,6 +29,8 @@ PACKAGES=(
   android-libbase android-libbase-dev android-liblog android-liblog-dev
   android-libcutils android-libcutils-dev android-platform-system-core-headers
   libbpf1 libbpf-dev libbpfcc libbpfcc-dev libelf1 libelf-dev zlib1g zlib1g-dev
+  # The client tool's command line and JSON output (header-only).
+  libcli11-dev nlohmann-json3-dev
   # Tests.
   libgtest-dev libgmock-dev
 )
@@ -59,7 +62,7 @@ echo "armhf_sysroot: fetching ${#PACKAGES[@]} armhf packages"
 # An index that fails to download (a mirror in the middle of a sync) is
 # left out with a warning; the download below fails if a package is missing.
 if ! "${APT[@]}" update >"$apt_dir/update.log" 2>&1; then
-  grep -E '^(E|W):' "$apt_dir/update.log" | sed 's/^/armhf_sysroot: apt: /' >&2 || true
+  grep -E '^(E|W):' "$apt_dir/update.log" | sed 's/^/armhf_sysroot: apt, index left out: /' >&2 || true
   if ! ls "$apt_dir/lists/"*_Packages* >/dev/null 2>&1; then
     echo "armhf_sysroot: no armhf package index could be fetched" >&2
     exit 1

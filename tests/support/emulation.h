@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -52,10 +53,32 @@ inline bool BpfAvailable() {
   GTEST_SKIP() << "bpf() fails with ENOSYS: user-mode emulation (" << kelo_test::Emulator() \
                << ") forwards neither bpf() nor perf_event_open, so the kernel's BPF is out of reach"
 
-// argv to execute one of this build's binaries: under emulation, the
-// emulator first (it finds the sysroot in its environment).
+// The emulator handles every signal itself, so /proc/<pid>/status of an
+// emulated process shows each signal as caught (SigCgt), whatever the
+// program installed; tests that read it skip there.
+#define KELO_SKIP_IF_SIGNAL_MASKS_EMULATED()                             \
+  if (kelo_test::UnderEmulation())                                       \
+  GTEST_SKIP() << "under user-mode emulation (" << kelo_test::Emulator() \
+               << ") the emulator catches every signal, so a process's SigCgt mask shows them all"
+
+// Whether path is an executable for the emulated processor (32-bit ARM),
+// one that the host cannot run by itself.
+inline bool EmulatedBinary(const std::string& path) {
+  unsigned char header[20] = {};
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  const size_t got = fread(header, 1, sizeof(header), file);
+  fclose(file);
+  constexpr int ELF_MACHINE_ARM = 40;  // e_machine, little-endian at offset 18
+  return got == sizeof(header) && memcmp(header, "\177ELF", 4) == 0 &&
+         (header[18] | header[19] << 8) == ELF_MACHINE_ARM;
+}
+
+// argv to execute argv[0]: under emulation, one of this build's binaries is
+// started through the emulator (which finds the sysroot in its
+// environment); the host's own programs are started as they are.
 inline std::vector<std::string> EmulatedCommand(std::vector<std::string> argv) {
-  if (UnderEmulation()) argv.insert(argv.begin(), Emulator());
+  if (UnderEmulation() && !argv.empty() && EmulatedBinary(argv[0])) argv.insert(argv.begin(), Emulator());
   return argv;
 }
 
