@@ -66,6 +66,11 @@ UnixIpcManager::~UnixIpcManager() {
   // descriptors go after that.
   delete epollManager.get();
   (void)epollManager.release();
+  // The listening socket closes before the accepted connections: a client
+  // that sees its connection end and reconnects at once is refused instead
+  // of landing in the backlog of a socket about to close.
+  commFd.reset();
+  connections.clear();
 }
 
 bool UnixIpcManager::start() {

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/emulation.h"
 #include "tests/support/live_service.h"
 #include "tests/support/process.h"
 #include "tests/support/tool.h"
@@ -63,6 +64,7 @@ std::string Shell(const std::string& command, int* status = nullptr) {
 }
 
 TEST(E2eClient, WatchJsonPrintsOnlyTheEventsOfNamedProcessesAsOneObjectPerLine) {
+  KELO_SKIP_WITHOUT_BPF();
   auto daemon = StartDaemon();
   Tool client(KELO_CLIENT_PATH, {"--json", "--comm", "kelo-probe-*", "exit", "process_exited", "--count", "2"},
               "client");
@@ -102,6 +104,7 @@ TEST(E2eClient, WatchJsonPrintsOnlyTheEventsOfNamedProcessesAsOneObjectPerLine) 
 }
 
 TEST(E2eClient, DumpPrintsEachFileOfTheServiceAndSaysWhyItCannot) {
+  KELO_SKIP_WITHOUT_BPF();
   auto daemon = StartDaemon();
   Tool all(KELO_CLIENT_PATH, {"dump"}, "dump-all");
   ASSERT_EQ(all.Wait(), 0) << all.Err();
@@ -154,6 +157,7 @@ TEST(E2eClient, DumpPrintsEachFileOfTheServiceAndSaysWhyItCannot) {
 }
 
 TEST(E2eClient, DumpLeavesADaemonAloneThatCannotTakeTheSignalYet) {
+  KELO_SKIP_IF_SIGNAL_MASKS_EMULATED();
   Tool waiting(KELO_DAEMON_PATH, {"--no-ready"}, "waiting");
   ASSERT_TRUE(WaitUntil(ServiceListening)) << waiting.Err();
   Tool dump(KELO_CLIENT_PATH, {"dump"}, "dump");
@@ -165,6 +169,7 @@ TEST(E2eClient, DumpLeavesADaemonAloneThatCannotTakeTheSignalYet) {
 }
 
 TEST(E2eClient, StatsCountsTheForksOfChildrenAndTheConnectedClients) {
+  KELO_SKIP_WITHOUT_BPF();
   auto daemon = StartDaemon();
   Tool watcher(KELO_CLIENT_PATH, {"fork"}, "watcher");
   ASSERT_TRUE(WaitUntil([&] { return watcher.Printed("response reqId=0 type=2 result=0"); })) << watcher.Err();
@@ -204,6 +209,7 @@ double Sample(const std::string& text, const std::string& name) {
 }
 
 TEST(E2eClient, ExporterServesCountersThatGrowBetweenTwoScrapesWithCurl) {
+  KELO_SKIP_WITHOUT_BPF();
   auto daemon = StartDaemon();
   Tool exporter(KELO_CLIENT_PATH, {"export", "--listen", "127.0.0.1:0"}, "export");
   std::smatch match;
@@ -266,6 +272,7 @@ class MemoryProbe {
 };
 
 TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
+  KELO_SKIP_WITHOUT_BPF();
   // Started first, so that the service's start-up scan records its memory.
   MemoryProbe probe("kelo-top-probe", 96);
   ASSERT_TRUE(WaitUntil([&] {

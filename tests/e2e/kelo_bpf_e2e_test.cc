@@ -291,6 +291,7 @@ std::string UnitBoundingSet(const std::string& without = "") {
 // stops cleanly; without CAP_PERFMON (so the set is really in force) the
 // kernel refuses every program.
 TEST(E2eTools, DaemonWorksWithTheCapabilitiesOfItsSystemdUnitOnly) {
+  KELO_SKIP_WITHOUT_BPF();
   const std::string bounding = UnitBoundingSet();
   ASSERT_NE(bounding.find("+bpf,+perfmon"), std::string::npos) << bounding;
   const std::string pidFile = "/data/kelobpfd.pid";

@@ -9,6 +9,7 @@
 #include "service/kelo_bpf_event_pacing.h"
 #include "service/kelo_bpf_service.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -33,6 +34,7 @@ std::unique_ptr<kelo_test::RingBufferFixture> RingHolding(const std::string& pat
 
 TEST(RingFillGaugeTest, ReadsTheUnconsumedBytesOfARealRing) {
   KELO_SKIP_OUTSIDE_SANDBOX();
+  KELO_SKIP_WITHOUT_BPF();
   constexpr int kHalf = kRingBytes / kEntryBytes / 2;
   auto ring = RingHolding("/sys/fs/bpf/gauge", kHalf);
   ASSERT_TRUE(ring);
@@ -62,6 +64,7 @@ TEST(RingFillGaugeTest, ReadsTheUnconsumedBytesOfARealRing) {
 
 TEST(PacingTest, APublisherWaitsOnlyForAPacedConnectionAndOnlyWhileItsRingIsAtMostHalfFull) {
   KELO_SKIP_OUTSIDE_SANDBOX();
+  KELO_SKIP_WITHOUT_BPF();
   kelo_test::ResetErrorLog();
   KeloBpfService::GetInstance()->start();
   EventManager* registry = EventManager::GetInstance();

@@ -21,6 +21,7 @@
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/live_service.h"
 #include "tests/support/log_capture.h"
@@ -86,6 +87,7 @@ class ServiceLossTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KELO_SKIP_OUTSIDE_SANDBOX();
+    KELO_SKIP_WITHOUT_BPF();
     kelo_test::ResetErrorLog();
     ASSERT_TRUE(rings);
   }
@@ -260,6 +262,7 @@ TEST_F(ServiceLossTest, KernelCountsAreToldToSubscribersOfTheTypeOrItsDerivedEve
 
 TEST(ServiceOverrunTest, KernelLossesOfAnOverrunRingAgreeInCountersStateFileAndReports) {
   KELO_SKIP_OUTSIDE_SANDBOX();
+  KELO_SKIP_WITHOUT_BPF();
   OverrunRing ring;
   ASSERT_NO_FATAL_FAILURE(ring.Load());
   // Started as the daemon starts it, on this kernel side instead of the

@@ -12,6 +12,7 @@
 
 #include "service/kelo_bpf_service.h"
 #include "tests/support/bpf_fixture.h"
+#include "tests/support/emulation.h"
 #include "tests/support/live_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
@@ -23,6 +24,7 @@ namespace {
 
 TEST(DumpSignalsTest, WithoutARequestPipeDumpSignalsAreRefusedAndLoggedInsteadOfEndingTheProcess) {
   KELO_SKIP_OUTSIDE_SANDBOX();
+  KELO_SKIP_WITHOUT_BPF();
   auto rings = kelo_test::ServiceRingBuffers::Create();
   ASSERT_TRUE(rings);
   KeloBpfService* service = KeloBpfService::GetInstance();
