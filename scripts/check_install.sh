@@ -2,7 +2,8 @@
 # Checks the install tree the way a user meets it:
 #  1. installs a build into a temporary prefix (cmake --install --prefix) and
 #     checks the layout: tools, libkelobpf.so with its SONAME and version
-#     links, headers, BPF objects, pkg-config file, CMake package, unit;
+#     links, headers, BPF objects, pkg-config file, CMake package, unit,
+#     manual pages (rendered without warnings, every option of --help in them);
 #  2. compiles every installed header on its own, as <kelobpf/...>;
 #  3. builds the example subscriber (examples/subscriber) against the prefix
 #     twice, with its CMake package and with pkg-config, and runs --help of
@@ -89,7 +90,7 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake --preset gcc >/dev/null
 fi
 echo "=== install: build the installed targets in $build"
-cmake --build "$build" -j"$jobs" --target kelobpfd kelobpf-client kelo_bpf_loader_tool kelo_bpf_programs >/dev/null
+cmake --build "$build" -j"$jobs" --target kelobpfd kelobpf-client kelo_bpf_loader_tool kelo_bpf_programs kelo_man_pages >/dev/null
 
 work=$(mktemp -d /tmp/kelobpf-install.XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -118,6 +119,24 @@ soname=$(readelf -d "$libdir/libkelobpf.so.$version" | sed -n 's/.*Library sonam
 [ "$soname" = "libkelobpf.so.$major" ] || fail "SONAME is '$soname'"
 [ "$("$prefix/bin/kelobpfd" --version)" = "kelobpfd $version" ] || fail "kelobpfd --version"
 echo "    layout ok: libkelobpf.so -> .so.$major -> .so.$version, kelobpfd $version"
+
+# 1b. Manual pages: each renders without a warning and lists every long
+# option that the tool's --help (or a subcommand's) shows.
+for tool in kelobpfd kelobpf-client kelo_bpf_loader; do
+  page=$prefix/share/man/man1/$tool.1
+  [ -e "$page" ] || fail "share/man/man1/$tool.1 is not installed"
+  warnings=$(groff -man -ww -z "$page" 2>&1) || fail "$tool.1 does not render: $warnings"
+  [ -z "$warnings" ] || fail "$tool.1 renders with warnings: $warnings"
+  text=$(MANWIDTH=200 man -l "$page" 2>/dev/null | col -b)
+  helps=$("$prefix/bin/$tool" --help)
+  if [ "$tool" = kelobpf-client ]; then
+    for sub in watch top dump stats export; do helps+=$'\n'$("$prefix/bin/$tool" "$sub" --help); done
+  fi
+  for option in $(grep -o -E -- '--[a-z][a-z-]+' <<<"$helps" | sort -u); do
+    grep -qF -- "$option" <<<"$text" || fail "$tool.1 does not mention $option"
+  done
+done
+echo "    manual pages ok: kelobpfd.1 kelobpf-client.1 kelo_bpf_loader.1"
 
 # 2. Every header on its own, with the installed include path only.
 for h in "$prefix"/include/kelobpf/*.h; do

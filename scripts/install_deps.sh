@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs every Debian package needed to build, test, benchmark and run the
-# service, and to check its format (clang-format) and its systemd unit
-# (systemd-analyze, from systemd). Idempotent: when everything is present it
-# installs nothing and does not touch the network.
+# service, and to check its format (clang-format), its systemd unit
+# (systemd-analyze, from systemd) and its manual pages (groff, man, col).
+# Idempotent: when everything is present it installs nothing and does not
+# touch the network.
 set -euo pipefail
 
 PACKAGES=(
@@ -14,6 +15,7 @@ PACKAGES=(
   libcli11-dev nlohmann-json3-dev
   util-linux iproute2 procps python3 tmux curl
   clang-format systemd
+  groff-base man-db bsdextrautils
 )
 
 missing=()

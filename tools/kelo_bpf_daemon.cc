@@ -42,7 +42,8 @@
 // Signals 50 (state file) and 51 to 54 (task dumps) are the service's once
 // its producers run; until then the daemon ignores them.
 //
-// --version prints "kelobpfd <version>", --help the usage; both exit 0.
+// --version prints "kelobpfd <version>", --help the usage and the options;
+// both exit 0.
 //
 // Exit status: 0 after a clean exit, after a stop that came before the
 // service was made ready (nothing was attached), or when the service is
@@ -83,6 +84,29 @@ constexpr char USAGE[] =
     "usage: kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]\n"
     "                [--pidfile PATH]\n"
     "       kelobpfd --version | --help\n";
+// --help: the usage, then every option. The manual page takes its options
+// from this text.
+constexpr char OPTIONS_HELP[] =
+    "\n"
+    "Hosts the kelobpf service: sets the properties it reads, optionally loads\n"
+    "and pins the kernel programs, starts the service and marks it ready.\n"
+    "\n"
+    "Options:\n"
+    "  --prop KEY=VALUE       set property KEY to VALUE before the service starts\n"
+    "                         (repeatable; after ro.kernel.version)\n"
+    "  --load[=OBJDIR]        load and pin the program sets under /sys/fs/bpf/kelo from\n"
+    "                         OBJDIR (default: <bindir>/../share/kelobpf when installed,\n"
+    "                         else the build tree's bpf/)\n"
+    "  --ready-delay SECONDS  set sys.kelo_bpf_ready to 1 only SECONDS after the start\n"
+    "  --no-ready             never set sys.kelo_bpf_ready: clients are served,\n"
+    "                         nothing is attached\n"
+    "  --pidfile PATH         keep the daemon's pid in PATH while it runs\n"
+    "  --version              print \"kelobpfd <version>\" and exit\n"
+    "  -h, --help             print this help and exit\n"
+    "\n"
+    "Exit status: 0 after a clean stop (SIGINT or SIGTERM), a stop before readiness or\n"
+    "a disabled service; 1 when setting up failed or the producers did not end in\n"
+    "time; 2 bad usage.\n";
 constexpr char VERSION_TEXT[] = "kelobpfd " KELO_VERSION "\n";
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;
@@ -150,6 +174,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
         exit(EXIT_OK);
       case 'h':
         std::fputs(USAGE, stdout);
+        std::fputs(OPTIONS_HELP, stdout);
         exit(EXIT_OK);
       default:
         return false;

@@ -8,7 +8,8 @@
 // --obj-dir  where the .bpf.o files are (default: <bindir>/../share/kelobpf
 //            of an installed tool, else the build tree, else the configured
 //            install directory)
-// Exit status 0 when everything was pinned, 1 when anything was left out.
+// Exit status 0 when everything was pinned, 1 when anything was left out, 2
+// for bad usage.
 #include <getopt.h>
 
 #include <cstdio>
@@ -21,6 +22,19 @@
 namespace {
 
 constexpr char kUsage[] = "usage: kelo_bpf_loader [--dir DIR] [--obj-dir DIR]\n";
+// --help: the usage, then every option. The manual page takes its options
+// from this text.
+constexpr char kOptionsHelp[] =
+    "\n"
+    "Loads the kernel-side program sets and pins every program and map; attaches nothing.\n"
+    "\n"
+    "Options:\n"
+    "  --dir DIR       where to pin (default /sys/fs/bpf/kelo; created when missing)\n"
+    "  --obj-dir DIR   where the .bpf.o files are (default: <bindir>/../share/kelobpf of\n"
+    "                  an installed tool, else the build tree, else the install directory)\n"
+    "  -h, --help      print this help and exit\n"
+    "\n"
+    "Exit status: 0 everything was pinned; 1 anything was left out; 2 bad usage.\n";
 
 }  // namespace
 
@@ -44,6 +58,7 @@ int main(int argc, char** argv) {
         break;
       case 'h':
         std::fputs(kUsage, stdout);
+        std::fputs(kOptionsHelp, stdout);
         return 0;
       default:
         std::fputs(kUsage, stderr);
