@@ -35,8 +35,7 @@ class LossReporter {
 
   // healer, when given, hears of every growth of a kernel count and runs
   // its heals on this thread.
-  LossReporter(LossLedger* ledger, KernelLostCounters* counters, EventManager* registry,
-               TaskHealer* healer = nullptr)
+  LossReporter(LossLedger* ledger, KernelLostCounters* counters, EventManager* registry, TaskHealer* healer = nullptr)
       : ledger(ledger), counters(counters), registry(registry), healer(healer) {}
   LossReporter(const LossReporter&) = delete;
   LossReporter& operator=(const LossReporter&) = delete;
