@@ -74,6 +74,7 @@ FuzzScript DecodeFuzzScript(const uint8_t* data, size_t size) {
     const uint8_t argument = opByte >> 4;
     FuzzOp op;
     op.handlerResult = HandlerResult(argument);
+    op.argument = argument;
     switch (kind) {
       case 0:
         op.kind = OpKind::REQUEST;

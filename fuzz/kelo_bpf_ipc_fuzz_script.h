@@ -62,6 +62,8 @@ struct FuzzOp {
   uint32_t payloadLength = 0;
   // Frames: what the handler returns for it.
   int handlerResult = 0;
+  // The op byte's high nibble as given (other harnesses read it their way).
+  uint8_t argument = 0;
   // REQUEST: request code.
   uint32_t requestCode = 0;
   // RESPONSE: result code and how its id is chosen.

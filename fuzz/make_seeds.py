@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the IPC read fuzzer into fuzz/corpus/.
+"""Writes the seed corpora of the IPC read fuzzer (fuzz/corpus/) and of the
+service request fuzzer (fuzz/corpus_service/).
 
 Each seed is a script in the input layout that kelo_bpf_ipc_fuzz_script.h
 describes, built here from named ops so that the seeds say what they
@@ -113,13 +114,62 @@ SEEDS = {
 }
 
 
-def main():
-    out = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'corpus')
+# Seeds of the service's request fuzzer (kelo_bpf_service_request_fuzzer.cc),
+# which reads the same ops as a client's: a request's nibble picks its
+# argument (index into EVENT_TYPES there; 15 damages its dataSize), a
+# deliver op publishes (chunk % 8) + 1 events of type PUBLISHED_TYPES[chunk / 8].
+ARG = {0: 0, 1: 1, 2: 2, 3: 3, 6: 5, 50001: 7, 50002: 8, 50005: 10, 12345: 14}
+PUBLISH = {0: 0, 2: 1, 3: 2, 6: 3, 50001: 4, 50002: 5, 50005: 6, 12345: 7}
+
+
+def sub(code, type_=6, data_len=4):
+    return bytes([0 | (ARG.get(type_, type_ & 15) << 4), code]) + u16(data_len)
+
+
+def damaged_request(code=51):
+    return bytes([0 | (15 << 4), code]) + u16(4)
+
+
+def publish(type_, count):
+    return deliver(PUBLISH[type_] * 8 + count - 1)
+
+
+SERVICE_SEEDS = {
+    # Subscribe, events flow, unsubscribe, events of the type stop.
+    'subscribe_events_unsubscribe': setup() + sub(51, 6) + publish(6, 8) + publish(2, 3) + sub(52, 6) +
+    publish(6, 4) + sub(51, 50001) + publish(50001, 2),
+    # Pacing on and off, a pacing value that is refused, codes nobody knows.
+    'pacing_and_unknown_codes': setup() + sub(55, 1) + sub(51, 3) + publish(3, 8) + sub(55, 0) + sub(55, 2) +
+    sub(50, 3) + sub(0, 3) + sub(51, 3, data_len=0) + publish(3, 2),
+    # A request whose dataSize disagrees closes the connection; the next one
+    # starts without subscriptions.
+    'damaged_request_while_subscribed': setup() + sub(51, 6) + publish(6, 5) + damaged_request() + publish(6, 5) +
+    sub(51, 6) + publish(6, 3),
+    # A frame whose level-2 size disagrees with its length field.
+    'damaged_level2_size': setup() + sub(51, 0) + publish(0, 4) + app(3, 40, result=-1) + publish(0, 2),
+    # A length that can never be received, packages clients do not send,
+    # and a frame cut short.
+    'damaged_length_stray_and_truncated': setup() + sub(51, 50002) + response() + unknown(3, 8) + app(2, 16) +
+    publish(50002, 3) + damage_wrap(1, 6) + sub(51, 50002) + publish(50002, 2) + damage_oversized(3) +
+    truncated(0, 16, 9),
+    # Loss reports subscribed, a wait for everything owed, a large request.
+    'loss_subscription_and_large_request': setup() + sub(51, 50005) + sub(51, 12345, data_len=3000) +
+    publish(12345, 8) + spurious() + publish(50005, 1),
+}
+
+
+def write(out, seeds):
     os.makedirs(out, exist_ok=True)
-    for name, data in SEEDS.items():
+    for name, data in seeds.items():
         with open(os.path.join(out, name), 'wb') as f:
             f.write(data)
-    print('wrote %d seeds to %s' % (len(SEEDS), out), file=sys.stderr)
+    print('wrote %d seeds to %s' % (len(seeds), out), file=sys.stderr)
+
+
+def main():
+    here = os.path.dirname(os.path.abspath(__file__))
+    write(os.path.join(here, 'corpus'), SEEDS)
+    write(os.path.join(here, 'corpus_service'), SERVICE_SEEDS)
 
 
 if __name__ == '__main__':

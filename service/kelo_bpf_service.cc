@@ -107,7 +107,8 @@ KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(conf
   eventHandlers[KELO_EVENT_RSS_STAT] = [this](char* data, long long size) { return handleKmem_RssStat(data, size); };
 
   EventManager* registry = EventManager::GetInstance();
-  lossReporter = std::make_unique<LossReporter>(&losses, &kernelLostCounters, registry);
+  taskHealer = std::make_unique<TaskHealer>([this] { return healTaskTable(); });
+  lossReporter = std::make_unique<LossReporter>(&losses, &kernelLostCounters, registry, taskHealer.get());
   KeloBpfDataState::GetInstance()->SetSupplement([this] { return stateSupplement(); });
   MutexLock lock(EventManager::keloRawEventManagerLock);
   registry->setClientQueues(&clientPackageManagers);
@@ -211,7 +212,8 @@ IpcPackageManager& KeloBpfService::queueForLocked(int fd) {
 
 std::string KeloBpfService::stateSupplement() {
   return losses.StateLines() + StringPrintf("BadFramesClosed, %" PRIu64 ", \r\n", badFramesClosed()) +
-         StringPrintf("PacingWaits, %" PRIu64 ", \r\n", EventManager::GetInstance()->PacingWaits());
+         StringPrintf("PacingWaits, %" PRIu64 ", \r\n", EventManager::GetInstance()->PacingWaits()) +
+         taskHealer->StateLines();
 }
 
 }  // namespace Bpf

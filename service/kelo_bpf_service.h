@@ -53,6 +53,7 @@
 #include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_manager.h"
 #include "service/kelo_bpf_protocol.h"
+#include "service/kelo_bpf_service_heal.h"
 #include "service/kelo_bpf_service_loss.h"
 #include "service/kelo_bpf_service_lost_counters.h"
 #include "utils/kelo_bpf_ipc_package.h"
@@ -274,6 +275,16 @@ class KeloBpfService {
   // uses the unlocked scratch members.
   int initDmabufBpfProg();
   int initTaskInfo();
+  // Reconciles the task table with /proc now: drops the records of pids
+  // that are gone (made before the walk of /proc began), telling each as
+  // 50002 and leaving a heal mark so that its exit record, if still queued,
+  // is not told again; reads each live process missing from the table and
+  // feeds it through the dispatcher as the start-up scan does (leaving a
+  // mark so that a queued creation record is still told as 50001). Runs on
+  // the loss thread, which calls it through taskHealer; tests call it too.
+  TaskHealResult healTaskTable();
+  // Task table heals and their counts.
+  TaskHealer& taskHeals() { return *taskHealer; }
   int getProcessInfo(int pid, UpdateProcessExdata* out);
   // The number on the first "size:\t" / "ino:\t" line of an fdinfo file; 0
   // when the file cannot be opened (warning "Unable to open <path>") or the
@@ -330,6 +341,13 @@ class KeloBpfService {
   void startLossReporter();
   // The loss lines of the state file.
   std::string stateSupplement();
+  // The task-initialisation record of process `pid` (directory `name` under
+  // /proc) as the start-up scan makes it, stamped now; false when its status
+  // file could not be read (the record then holds what stat gave).
+  static bool ReadTaskInit(const std::string& name, int32_t pid, long ticks, std::string* text,
+                           kelo_task_init_event* record);
+  // Feeds a synthesised record through the dispatcher, as a pump would.
+  void submitTaskInit(const kelo_task_init_event& record);
   // fd's queue, made (with its trim listener) when it has none.
   IpcPackageManager& queueForLocked(int fd) REQUIRES(EventManager::keloRawEventManagerLock);
   int dispatchRecord(char* data, size_t size);
@@ -381,6 +399,7 @@ class KeloBpfService {
   // destroyed, like the service).
   LossLedger losses;
   KernelLostCounters kernelLostCounters;
+  std::unique_ptr<TaskHealer> taskHealer;
   std::unique_ptr<LossReporter> lossReporter;
   std::atomic<uint64_t> badFrames{0};
 

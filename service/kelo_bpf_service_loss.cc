@@ -1,5 +1,6 @@
 #include "service/kelo_bpf_service_loss.h"
 
+#include <algorithm>
 #include <exception>
 #include <vector>
 
@@ -71,9 +72,11 @@ void LossReporter::Run() {
 
 LossReporter::Clock::time_point LossReporter::work(bool readKernel) {
   if (readKernel) {
+    const Clock::time_point now = Clock::now();
     for (const KernelLostCounters::Growth& growth : counters->Read()) {
       const LossLedger::Span span{growth.records, growth.sinceNs, growth.untilNs};
       ledger->KernelLost(growth.ring, growth.type, span, registry->LossReportSubscribers(growth.type));
+      if (healer != nullptr) healer->NoteKernelLoss(growth.type, now);
     }
   }
   Clock::time_point next;
@@ -84,6 +87,7 @@ LossReporter::Clock::time_point LossReporter::work(bool readKernel) {
     registry->SendTo(report.fd, reinterpret_cast<const char*>(&report.record), sizeof(report.record),
                      report.record.site == KELO_LOSS_SITE_QUEUE);
   }
+  if (healer != nullptr) next = std::min(next, healer->RunIfDue(Clock::now()));
   return next;
 }
 

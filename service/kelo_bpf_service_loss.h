@@ -7,7 +7,8 @@
 // the ledger says are due: a report of queue losses ahead of everything
 // queued for its connection (right where the lost packages were), one of
 // kernel losses behind it. It sleeps while nothing is asked of it and no
-// report is pending, so an idle service costs no wake-ups.
+// report is pending, so an idle service costs no wake-ups. Heals of the task
+// table after lost task records run here too, when due.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -17,6 +18,7 @@
 #include <condition_variable>
 
 #include "service/kelo_bpf_event_loss.h"
+#include "service/kelo_bpf_service_heal.h"
 #include "service/kelo_bpf_service_lost_counters.h"
 #include "utils/kelo_bpf_mutex.h"
 
@@ -31,8 +33,10 @@ class LossReporter {
   // Longest time between kernel counter readings while records flow.
   static constexpr std::chrono::seconds KERNEL_READ_INTERVAL{1};
 
-  LossReporter(LossLedger* ledger, KernelLostCounters* counters, EventManager* registry)
-      : ledger(ledger), counters(counters), registry(registry) {}
+  // healer, when given, hears of every growth of a kernel count and runs
+  // its heals on this thread.
+  LossReporter(LossLedger* ledger, KernelLostCounters* counters, EventManager* registry, TaskHealer* healer = nullptr)
+      : ledger(ledger), counters(counters), registry(registry), healer(healer) {}
   LossReporter(const LossReporter&) = delete;
   LossReporter& operator=(const LossReporter&) = delete;
 
@@ -59,6 +63,7 @@ class LossReporter {
   LossLedger* const ledger;
   KernelLostCounters* const counters;
   EventManager* const registry;
+  TaskHealer* const healer;
 
   Mutex mutex;
   std::condition_variable_any wake;

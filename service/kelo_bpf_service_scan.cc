@@ -86,6 +86,30 @@ int KeloBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
   return 0;
 }
 
+bool KeloBpfService::ReadTaskInit(const std::string& name, int32_t pid, long ticks, std::string* text,
+                                  kelo_task_init_event* record) {
+  *record = {};
+  record->header.type = KELO_EVENT_TASK_INIT;
+  record->header.ts = KernelEventTimeNs();
+  record->pid = pid;
+  const bool found = ReadProcFile(StringPrintf(TASK_STATUS_TEMPLATE, name.c_str()).c_str(), text);
+  if (found) ParseStatus(*text, record);
+  if (ReadProcFile(StringPrintf(TASK_STAT_TEMPLATE, name.c_str()).c_str(), text)) {
+    const ProcStat stat = ParseProcStat(std::string_view(*text).substr(0, text->find('\n')));
+    if (stat.complete) {
+      record->thread_num = static_cast<int32_t>(stat.threads);
+      record->init_time = GetBasetime() + (ticks > 0 ? stat.startTicks / ticks : 0);
+    }
+  }
+  return found;
+}
+
+void KeloBpfService::submitTaskInit(const kelo_task_init_event& record) {
+  char bytes[sizeof(record)];
+  memcpy(bytes, &record, sizeof(record));
+  handleBpfRingBuffEvent(this, bytes, sizeof(bytes));
+}
+
 int KeloBpfService::initTaskInfo() {
   std::unique_ptr<DIR, DirCloser> proc(opendir(PROC_FS_PATH));
   if (!proc) {
@@ -100,24 +124,9 @@ int KeloBpfService::initTaskInfo() {
     if (!IsDigits(name)) continue;
     const std::optional<int64_t> pid = ParseDecimal(name);
     if (!pid) continue;
-
-    kelo_task_init_event record = {};
-    record.header.type = KELO_EVENT_TASK_INIT;
-    record.header.ts = KernelEventTimeNs();
-    record.pid = static_cast<int32_t>(*pid);
-    if (ReadProcFile(StringPrintf(TASK_STATUS_TEMPLATE, name.c_str()).c_str(), &text)) {
-      ParseStatus(text, &record);
-    }
-    if (ReadProcFile(StringPrintf(TASK_STAT_TEMPLATE, name.c_str()).c_str(), &text)) {
-      const ProcStat stat = ParseProcStat(std::string_view(text).substr(0, text.find('\n')));
-      if (stat.complete) {
-        record.thread_num = static_cast<int32_t>(stat.threads);
-        record.init_time = GetBasetime() + (ticks > 0 ? stat.startTicks / ticks : 0);
-      }
-    }
-    char bytes[sizeof(record)];
-    memcpy(bytes, &record, sizeof(record));
-    handleBpfRingBuffEvent(this, bytes, sizeof(bytes));
+    kelo_task_init_event record;
+    ReadTaskInit(name, static_cast<int32_t>(*pid), ticks, &text, &record);
+    submitTaskInit(record);
     ++submitted;
   }
   // The dispatcher counted each record already; the scan's total is counted

@@ -127,7 +127,16 @@ int KeloBpfService::handleSched_SchedProcessFork(char* data, long long size) {
     return 0;
   }
   KeloTaskManager* tasks = KeloTaskManager::GetInstance();
-  if (tasks->GetKeloTask(record.pid) != nullptr) return 0;
+  const int64_t ts = static_cast<int64_t>(record.header.ts);
+  // A record present already means the creation was told, except when a
+  // heal made it while this record was queued.
+  {
+    MutexLock lock(tasks->lock());
+    if (tasks->GetKeloTaskLocked(record.pid) != nullptr &&
+        !tasks->HasHealMarkLocked(record.pid, KeloTaskManager::HealMark::ADDED, ts)) {
+      return 0;
+    }
+  }
 
   kelo_process_create_client_event event = {};
   event.type = KELO_CLIENT_EVENT_PROCESS_CREATE;
@@ -156,9 +165,14 @@ int KeloBpfService::handleSched_SchedProcessFork(char* data, long long size) {
   task.createTimeNs = static_cast<int64_t>(record.header.ts);
   {
     MutexLock lock(tasks->lock());
-    // Made by another thread meanwhile: that one told the clients.
-    if (tasks->GetKeloTaskLocked(task.pid) != nullptr) return 0;
-    tasks->AddKeloTaskLocked(task.pid, task);
+    if (tasks->GetKeloTaskLocked(task.pid) == nullptr) {
+      tasks->AddKeloTaskLocked(task.pid, task);
+    } else if (!tasks->TakeHealMarkLocked(task.pid, KeloTaskManager::HealMark::ADDED, ts)) {
+      // Made by another thread meanwhile: that one told the clients.
+      return 0;
+    }
+    // Else made by a heal, which did not tell of the creation: told now,
+    // and the heal's record (read from /proc after this one) stays.
   }
   Publish(&event);
   return 0;
@@ -176,9 +190,18 @@ int KeloBpfService::handleSched_SchedProcessExit(char* data, long long size) {
     return 0;
   }
   const int savedErrno = errno;
-  KeloTaskManager::GetInstance()->DelKeloTask(record.pid);
-  errno = savedErrno;
-  // Told whether or not the process was tracked.
+  {
+    KeloTaskManager* tasks = KeloTaskManager::GetInstance();
+    MutexLock lock(tasks->lock());
+    // A heal found the process gone while this record was queued and told
+    // of the exit already.
+    const bool told = tasks->DelKeloTaskLocked(record.pid) != 0 &&
+                      tasks->TakeHealMarkLocked(record.pid, KeloTaskManager::HealMark::DROPPED,
+                                                static_cast<int64_t>(record.header.ts));
+    errno = savedErrno;
+    if (told) return 0;
+  }
+  // Told whether or not the process was tracked (unless a heal told it).
   kelo_process_exit_client_event event = {};
   event.type = KELO_CLIENT_EVENT_PROCESS_EXIT;
   event.pid = record.pid;

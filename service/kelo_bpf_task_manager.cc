@@ -3,6 +3,7 @@
 #include <android-base/logging.h>
 
 #include <cerrno>
+#include <iterator>
 
 namespace Kelo {
 namespace Bpf {
@@ -99,6 +100,28 @@ std::vector<KeloTask> KeloTaskManager::CopyKeloTasksLocked() {
   copy.reserve(tasks_.size());
   for (const auto& [pid, task] : tasks_) copy.push_back(task);
   return copy;
+}
+
+void KeloTaskManager::MarkHealedLocked(int pid, HealMark mark, int64_t seenUntilNs) {
+  healMarks_[pid] = {mark, seenUntilNs};
+}
+
+bool KeloTaskManager::HasHealMarkLocked(int pid, HealMark mark, int64_t tsNs) {
+  auto it = healMarks_.find(pid);
+  return it != healMarks_.end() && it->second.first == mark && tsNs <= it->second.second;
+}
+
+bool KeloTaskManager::TakeHealMarkLocked(int pid, HealMark mark, int64_t tsNs) {
+  if (!HasHealMarkLocked(pid, mark, tsNs)) return false;
+  healMarks_.erase(pid);
+  return true;
+}
+
+size_t KeloTaskManager::PruneHealMarksLocked(int64_t beforeNs) {
+  for (auto it = healMarks_.begin(); it != healMarks_.end();) {
+    it = it->second.second < beforeNs ? healMarks_.erase(it) : std::next(it);
+  }
+  return healMarks_.size();
 }
 
 int KeloTaskManager::AddKeloTask(int pid, KeloTask task) {

@@ -24,6 +24,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "utils/kelo_bpf_mutex.h"
@@ -173,6 +174,24 @@ class KeloTaskManager {
   int DelRssTempTaskLocked(unsigned int key) REQUIRES(lock_);
   std::vector<KeloTask> CopyKeloTasksLocked() REQUIRES(lock_);
 
+  // Marks left by a heal of the table against /proc (service loss
+  // handling), so that a kernel record about the same process that was still
+  // queued while the heal ran is told once, not twice or never. DROPPED: the
+  // heal removed the record and told clients of the exit. ADDED: the heal
+  // made the record without telling of a creation. A mark holds the kernel
+  // time up to which the heal looked at the process; only records stamped no
+  // later than that are about the process it saw (a later one is about a
+  // new process with the reused pid). One mark per pid, a newer one replaces
+  // the older.
+  enum class HealMark { DROPPED, ADDED };
+  void MarkHealedLocked(int pid, HealMark mark, int64_t seenUntilNs) REQUIRES(lock_);
+  // True when pid carries `mark` and tsNs is not later than the mark's
+  // time; Take also removes that mark.
+  bool HasHealMarkLocked(int pid, HealMark mark, int64_t tsNs) REQUIRES(lock_);
+  bool TakeHealMarkLocked(int pid, HealMark mark, int64_t tsNs) REQUIRES(lock_);
+  // Drops the marks whose time is before beforeNs; how many are left.
+  size_t PruneHealMarksLocked(int64_t beforeNs) REQUIRES(lock_);
+
  private:
   void DumpKeloTasks(KeloTaskDumpRows rows, KeloTaskDumpColumns columns) EXCLUDES(lock_);
 
@@ -182,6 +201,7 @@ class KeloTaskManager {
   std::map<int32_t, KeloTask> tasks_ GUARDED_BY(lock_);
   std::map<uint32_t, KeloTask*> mmIndex_ GUARDED_BY(lock_);
   std::map<uint32_t, KeloTask> rssTempTasks_ GUARDED_BY(lock_);
+  std::map<int32_t, std::pair<HealMark, int64_t>> healMarks_ GUARDED_BY(lock_);
 };
 
 }  // namespace Bpf
