@@ -185,6 +185,8 @@ TEST(E2eClient, StatsCountsTheForksOfChildrenAndTheConnectedClients) {
   EXPECT_EQ(stats["clients"], 1) << stats.dump();
   EXPECT_EQ(stats["types"][2]["name"], "fork");
   EXPECT_EQ(stats["pid"], daemon->Pid());
+  EXPECT_TRUE(stats["since_start"].get<bool>()) << stats.dump();
+  EXPECT_LT(stats["window_seconds"].get<int64_t>(), 600) << "the daemon's age, not the whole window";
   EXPECT_GT(stats["polls"]["window"].get<int64_t>(), 0);
 
   Tool text(KELO_CLIENT_PATH, {"stats"}, "stats");

@@ -75,6 +75,15 @@ std::string Tag(const kelo_test::Package& package, pid_t child) {
   return std::to_string(type) + (ofChild ? " child" : "");
 }
 
+// Children until the client tool shows the fork of one of them: the kernel
+// side may still be switching task events on when the first is made.
+bool PrintsTheForkOfAChild(const Tool& client) {
+  return WaitUntil([&] {
+    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
+    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
+  });
+}
+
 TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
   KELO_SKIP_WITHOUT_BPF();
   StartServiceLikeTheDaemon();
@@ -115,45 +124,16 @@ TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
   for (const std::string& tag : tags) EXPECT_TRUE(tag[0] == 'r' || tag[0] == '2' || tag[0] == '3') << tag;
 }
 
-TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
-  KELO_SKIP_WITHOUT_BPF();
-  StartServiceLikeTheDaemon();
-  // A delivered fork record shows that the pumps run, and so that the dump
-  // handlers they install are in place.
-  kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
-  ASSERT_TRUE(client.Connect());
-  ASSERT_EQ(client.Ask(0, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_CREATE), 0);
-  ASSERT_TRUE(WaitUntil([&] {
-    RunChild();
-    return client.Next(100ms).has_value();
-  }));
-  // Each round adds a fork and an exit and asks for a fresh file, until one
-  // holds them.
-  std::optional<std::vector<int64_t>> totals;
-  ASSERT_TRUE(WaitUntil([&] {
-    RunChild();
-    totals = kelo_test::RequestStateTotals(1s);
-    return totals && (*totals)[1 + KELO_EVENT_TASK_CREATE] > 0 && (*totals)[1 + KELO_EVENT_TASK_EXIT] > 0;
-  }));
-  EXPECT_GT((*totals)[0], 0);                          // all events
-  EXPECT_GT((*totals)[1 + KELO_EVENT_POLL_COUNT], 0);  // polls
-}
-
 TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
   KELO_SKIP_WITHOUT_BPF();
   Tool daemon(KELO_DAEMON_PATH, {"--load"}, "daemon");
-  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
-  ASSERT_TRUE(WaitUntil(ServiceListening));
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); }) && WaitUntil(ServiceListening))
+      << daemon.Err();
   Tool client(KELO_CLIENT_PATH, {"--type", "2", "--type", "3"}, "client");
   ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=1 type=3 result=0"); }))
       << client.Out() << client.Err();
 
-  // Children until the client shows one of them: the kernel side may still be
-  // switching task events on when the first is made.
-  ASSERT_TRUE(WaitUntil([&] {
-    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
-    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
-  })) << client.Out();
+  ASSERT_TRUE(PrintsTheForkOfAChild(client)) << client.Out();
   EXPECT_TRUE(client.Printed("kind=process"));
   // The subscriber library sends request ids from 0 in the order of the
   // types and matches each answer to its type, before any event.
@@ -298,14 +278,11 @@ TEST(E2eTools, DaemonWorksWithTheCapabilitiesOfItsSystemdUnitOnly) {
   Tool daemon("/usr/bin/setpriv",
               {"--bounding-set", bounding, "--inh-caps=-all", "--", KELO_DAEMON_PATH, "--load", "--pidfile", pidFile},
               "daemon");
-  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
-  ASSERT_TRUE(WaitUntil(ServiceListening));
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); }) && WaitUntil(ServiceListening))
+      << daemon.Err();
   Tool client(KELO_CLIENT_PATH, {"--type", "2"}, "client");
   ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=0 type=2 result=0"); })) << client.Out();
-  ASSERT_TRUE(WaitUntil([&] {
-    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
-    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
-  })) << client.Out();
+  ASSERT_TRUE(PrintsTheForkOfAChild(client)) << client.Out();
   client.Signal(SIGTERM);
   EXPECT_EQ(client.Wait(), 0) << client.Err();
   daemon.Signal(SIGTERM);
