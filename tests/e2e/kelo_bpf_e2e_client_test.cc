@@ -156,18 +156,6 @@ TEST(E2eClient, DumpPrintsEachFileOfTheServiceAndSaysWhyItCannot) {
   EXPECT_TRUE(none.Logged("no service is listening on /mnt/bpfframework/kelobpfdispatcher")) << none.Err();
 }
 
-TEST(E2eClient, DumpLeavesADaemonAloneThatCannotTakeTheSignalYet) {
-  KELO_SKIP_IF_SIGNAL_MASKS_EMULATED();
-  Tool waiting(KELO_DAEMON_PATH, {"--no-ready"}, "waiting");
-  ASSERT_TRUE(WaitUntil(ServiceListening)) << waiting.Err();
-  Tool dump(KELO_CLIENT_PATH, {"dump"}, "dump");
-  EXPECT_EQ(dump.Wait(), 1);
-  EXPECT_TRUE(dump.Logged("does not handle signal 51 yet")) << dump.Err();
-  EXPECT_FALSE(waiting.Wait(200ms).has_value()) << "the daemon must still run";
-  waiting.Signal(SIGTERM);
-  EXPECT_EQ(waiting.Wait(), 0);
-}
-
 TEST(E2eClient, StatsCountsTheForksOfChildrenAndTheConnectedClients) {
   KELO_SKIP_WITHOUT_BPF();
   auto daemon = StartDaemon();
