@@ -25,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -145,6 +146,23 @@ bool ReadFdinfo(const std::string& path, FdinfoFigures* figures) {
   return true;
 }
 
+// Calls visit(pid, name) for each process directory of /proc, name being
+// the directory's name; logs when /proc cannot be opened.
+void ForEachProcess(const std::function<void(int pid, const std::string& name)>& visit) {
+  DirPtr proc = OpenDir(KeloBpfService::PROC_FS_PATH);
+  if (!proc) {
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][INIT] open %s failed! %s", KeloBpfService::PROC_FS_PATH,
+              strerror(errno));
+  }
+  while (proc) {
+    const dirent* entry = readdir(proc.get());
+    if (entry == nullptr) break;
+    std::string name = entry->d_name;
+    int pid = 0;
+    if (ParsePid(name, &pid)) visit(pid, name);
+  }
+}
+
 bool UpdateElem(int mapFd, const void* key, const void* value) {
   return bpf_map_update_elem(mapFd, key, value, BPF_ANY) == 0;
 }
@@ -223,17 +241,10 @@ int KeloBpfService::initDmabufBpfProg() {
   const int sizeMapFd = mapFds[1].get();
   const int perprocessSizeMapFd = mapFds[2].get();
 
-  DirPtr proc = OpenDir(PROC_FS_PATH);
-  if (!proc) KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][INIT] open %s failed! %s", PROC_FS_PATH, strerror(errno));
-  while (proc) {
-    const dirent* entry = readdir(proc.get());
-    if (entry == nullptr) break;
-    std::string name = entry->d_name;
-    int pid = 0;
-    if (!ParsePid(name, &pid)) continue;
+  ForEachProcess([&](int pid, const std::string& name) {
     const std::string fdDir = StringPrintf(TASK_FD_TEMPLATE, name.c_str());
     DirPtr fds = OpenDir(fdDir);
-    if (!fds) continue;
+    if (!fds) return;
 
     int64_t total = 0;
     while (const dirent* fdEntry = readdir(fds.get())) {
@@ -260,21 +271,21 @@ int KeloBpfService::initDmabufBpfProg() {
       info.size = figures.size;
     }
     // Only processes that hold dma-bufs have their maps file read.
-    if (total == 0) continue;
+    if (total == 0) return;
     dmabufProcessStats[pid] = dmabuf_stat{total, 0};
 
     const std::string mapsPath = StringPrintf(TASK_MAPS_TEMPLATE, name.c_str());
     std::ifstream maps(mapsPath);
     if (!maps.is_open()) {
       KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][IMIT] Task not exists, so we skip it (%s)", mapsPath.c_str());
-      continue;
+      return;
     }
     std::string line;
     while (std::getline(maps, line)) {
       DmabufMapping mapping;
       if (ParseDmabufMapsLine(line, &mapping)) dmabufProcessMmaps[pid][mapping.start] = mapping.inode;
     }
-  }
+  });
 
   for (const auto& [inode, info] : dmabufInodeStats) {
     if (!UpdateElem(allocateMapFd, &inode, &info)) {
@@ -302,14 +313,7 @@ int KeloBpfService::initFdBpfProg() {
     return -1;
   }
 
-  DirPtr proc = OpenDir(PROC_FS_PATH);
-  if (!proc) KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][INIT] open %s failed! %s", PROC_FS_PATH, strerror(errno));
-  while (proc) {
-    const dirent* entry = readdir(proc.get());
-    if (entry == nullptr) break;
-    std::string name = entry->d_name;
-    int pid = 0;
-    if (!ParsePid(name, &pid)) continue;
+  ForEachProcess([&](int pid, const std::string& name) {
     // Deliberately, each process starts from a zeroed record and a status
     // stream of its own: a process that vanishes half-way (its fd directory
     // gone) is skipped alone and every later process is still scanned, and
@@ -317,7 +321,7 @@ int KeloBpfService::initFdBpfProg() {
     // process's.
     open_fd_caller_info record{};
     std::ifstream status(StringPrintf(TASK_STATUS_TEMPLATE, name.c_str()));
-    if (!status.is_open()) continue;
+    if (!status.is_open()) return;
     std::string line;
     while (std::getline(status, line)) {
       const size_t at = line.find(TASK_COMM_PREFIX);
@@ -328,7 +332,7 @@ int KeloBpfService::initFdBpfProg() {
       record.comm[sizeof(record.comm) - 1] = '\0';
     }
     DirPtr fds = OpenDir(StringPrintf(TASK_FD_TEMPLATE, name.c_str()));
-    if (!fds) continue;
+    if (!fds) return;
     uint64_t count = 0;
     while (const dirent* fdEntry = readdir(fds.get())) {
       if (fdEntry->d_name[0] != '.') ++count;
@@ -339,7 +343,7 @@ int KeloBpfService::initFdBpfProg() {
     if (!UpdateElem(mapFd.get(), &pid, &record)) {
       KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][INIT] update open_fd_caller_map failed! %s", strerror(errno));
     }
-  }
+  });
   return 0;
 }
 

@@ -9,19 +9,11 @@
 #include <cstring>
 
 #include "helper/kelo_bpf_helper_strings.h"
+#include "service/kelo_bpf_protocol.h"
 
 namespace Kelo {
 namespace Bpf {
 namespace {
-
-constexpr uint32_t PACKAGE_REQUEST = 0;
-constexpr uint32_t PACKAGE_RESPONSE = 1;
-constexpr uint32_t PACKAGE_EVENT = 3;
-constexpr uint32_t REQUEST_SUBSCRIBE = 51;
-// Level-2 header (type, size) after the length field.
-constexpr uint32_t LEVEL2_HEADER = 8;
-// reqId, reqType or result, dataSize.
-constexpr uint32_t REQUEST_HEADER = 12;
 
 void PutU32(std::string* out, uint32_t value) { out->append(reinterpret_cast<const char*>(&value), sizeof(value)); }
 
@@ -42,13 +34,13 @@ bool EventFeed::subscribe(const std::vector<int>& types, double timeoutSeconds, 
                           std::string* problem) {
   std::string requests;
   for (size_t i = 0; i < types.size(); ++i) {
-    const uint32_t payload = REQUEST_HEADER + sizeof(int32_t);
-    PutU32(&requests, LEVEL2_HEADER + payload);
-    PutU32(&requests, PACKAGE_REQUEST);
+    const uint32_t payload = KELO_BPF_REQUEST_HEADER_SIZE + KELO_BPF_SUBSCRIPTION_DATA_SIZE;
+    PutU32(&requests, KELO_BPF_PACKAGE_HEADER_SIZE + payload);
+    PutU32(&requests, KELO_BPF_PACKAGE_TYPE_REQUEST);
     PutU32(&requests, payload);
     PutU32(&requests, static_cast<uint32_t>(i));
-    PutU32(&requests, REQUEST_SUBSCRIBE);
-    PutU32(&requests, sizeof(int32_t));
+    PutU32(&requests, REQ_ADD_OBSERVER_EVENT);
+    PutU32(&requests, KELO_BPF_SUBSCRIPTION_DATA_SIZE);
     PutU32(&requests, static_cast<uint32_t>(types[i]));
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
@@ -107,23 +99,25 @@ bool EventFeed::drain(const EventFn& onEvent, std::string* problem) {
 
 bool EventFeed::handleFrames(const EventFn& onEvent, std::string* problem) {
   size_t at = 0;
-  while (pending.size() - at >= sizeof(uint32_t) + LEVEL2_HEADER) {
+  while (pending.size() - at >= KELO_BPF_FRAME_LENGTH_SIZE + KELO_BPF_PACKAGE_HEADER_SIZE) {
     const uint32_t packageSize = GetU32(pending.data() + at);
     const uint32_t type = GetU32(pending.data() + at + 4);
     const uint32_t size = GetU32(pending.data() + at + 8);
-    if (packageSize < LEVEL2_HEADER || packageSize > MAX_FRAME || size != packageSize - LEVEL2_HEADER) {
+    // The largest frame accepted is the service's own buffer size.
+    if (packageSize < KELO_BPF_PACKAGE_HEADER_SIZE || packageSize > KELO_BPF_MAX_FRAME_SIZE ||
+        size != packageSize - KELO_BPF_PACKAGE_HEADER_SIZE) {
       *problem =
           StringPrintf("the service sent a malformed frame (length %u, type %u, size %u)", packageSize, type, size);
       return false;
     }
-    if (pending.size() - at < sizeof(uint32_t) + packageSize) break;
-    const char* payload = pending.data() + at + sizeof(uint32_t) + LEVEL2_HEADER;
-    if (type == PACKAGE_EVENT) {
+    if (pending.size() - at < KELO_BPF_FRAME_LENGTH_SIZE + packageSize) break;
+    const char* payload = pending.data() + at + KELO_BPF_FRAME_LENGTH_SIZE + KELO_BPF_PACKAGE_HEADER_SIZE;
+    if (type == KELO_BPF_PACKAGE_TYPE_EVENT) {
       onEvent(payload, size);
-    } else if (type == PACKAGE_RESPONSE && size >= REQUEST_HEADER) {
+    } else if (type == KELO_BPF_PACKAGE_TYPE_RESPONSE && size >= KELO_BPF_REQUEST_HEADER_SIZE) {
       results[GetU32(payload)] = static_cast<int32_t>(GetU32(payload + 4));
     }
-    at += sizeof(uint32_t) + packageSize;
+    at += KELO_BPF_FRAME_LENGTH_SIZE + packageSize;
   }
   pending.erase(0, at);
   return true;

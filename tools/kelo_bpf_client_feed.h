@@ -27,9 +27,6 @@ class EventFeed {
  public:
   using EventFn = std::function<void(const char* record, size_t size)>;
 
-  // Largest frame accepted: the service's own buffer size.
-  static constexpr uint32_t MAX_FRAME = 32768;
-
   // Takes a connected stream socket (made non-blocking here).
   explicit EventFeed(android::base::unique_fd socket);
 

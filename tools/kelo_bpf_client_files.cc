@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -220,10 +221,14 @@ int64_t StateSummary::recentEvents() const {
   return sum;
 }
 
-StateSummary SummarizeState(const StateFile& state, int recentRows) {
+StateSummary SummarizeState(const StateFile& state, int recentRows, std::optional<int64_t> serviceSeconds) {
   StateSummary summary;
   summary.windowSeconds = static_cast<int64_t>(state.rows.size());
   summary.sinceStart = state.firstIndex == 0;
+  if (serviceSeconds && *serviceSeconds <= summary.windowSeconds) {
+    summary.sinceStart = true;
+    summary.windowSeconds = std::max<int64_t>(*serviceSeconds, 1);
+  }
   for (size_t r = 0; r < state.rows.size(); ++r) {
     for (int kind = 0; kind < STATE_KINDS; ++kind) {
       summary.windowTotals[kind] += state.rows[r][kind];
@@ -232,6 +237,23 @@ StateSummary SummarizeState(const StateFile& state, int recentRows) {
   }
   summary.recentSeconds = std::min<int64_t>(recentRows, summary.windowSeconds);
   return summary;
+}
+
+std::optional<int64_t> ServiceAgeSeconds(const std::string& procStat, const std::string& procUptime,
+                                         long ticksPerSecond) {
+  // starttime is field 22; the fields after the name's closing parenthesis
+  // start with field 3.
+  const size_t nameEnd = procStat.rfind(')');
+  if (nameEnd == std::string::npos || ticksPerSecond <= 0) return std::nullopt;
+  const std::vector<std::string> fields = android::base::Split(procStat.substr(nameEnd + 2), " ");
+  char* end = nullptr;
+  errno = 0;
+  const double uptime = strtod(procUptime.c_str(), &end);
+  if (fields.size() < 20 || end == procUptime.c_str() || errno != 0) return std::nullopt;
+  int64_t startTicks = 0;
+  if (!ParseInt64(fields[19], &startTicks) || startTicks < 0) return std::nullopt;
+  const double age = uptime - static_cast<double>(startTicks) / static_cast<double>(ticksPerSecond);
+  return age <= 0 ? 0 : static_cast<int64_t>(std::ceil(age));
 }
 
 const char* StateKindColumn(int kind) { return kind >= 0 && kind < STATE_KINDS ? STATE_COLUMNS[kind] : nullptr; }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,11 @@ bool ParseStateFile(const std::string& text, StateFile* state, std::string* prob
 struct StateSummary {
   // Rows in the window, i.e. seconds of service time in which it counted.
   int64_t windowSeconds = 0;
-  // The window reaches back to the service's start (firstIndex 0).
+  // The window reaches back to the service's start: no second has left it
+  // (firstIndex 0), or the service has run no longer than the window holds.
+  // The service numbers its seconds on its own clock, which jumps by the
+  // boot time once that is known, so a window may hold seconds from before
+  // the start, which have no counts; then windowSeconds is the service's age.
   bool sinceStart = false;
   std::array<int64_t, STATE_KINDS> windowTotals{};
   int64_t recentSeconds = 0;
@@ -88,8 +93,17 @@ struct StateSummary {
 };
 
 // recentRows: how many of the newest rows count as recent (10: the last
-// ten seconds in which the service counted anything).
-StateSummary SummarizeState(const StateFile& state, int recentRows = 10);
+// ten seconds in which the service counted anything). serviceSeconds: how
+// long the service has run (ServiceAgeSeconds), when known.
+StateSummary SummarizeState(const StateFile& state, int recentRows = 10,
+                            std::optional<int64_t> serviceSeconds = std::nullopt);
+
+// Whole seconds, rounded up, since a process started: from its
+// /proc/<pid>/stat text (starttime, in clock ticks after boot), the
+// /proc/uptime text and the clock ticks per second. Nothing when either
+// text does not parse.
+std::optional<int64_t> ServiceAgeSeconds(const std::string& procStat, const std::string& procUptime,
+                                         long ticksPerSecond);
 
 // The counter name of kind 0 to 8 as the state file's header gives it.
 const char* StateKindColumn(int kind);

@@ -1,7 +1,6 @@
 // JSON form of the events a subscriber receives, and the facts about an event
-// that the tool's filters look at. Both decode a record (the payload of an
-// event package) with the shared layouts of bpf/kelo_bpf_events.h, copying it
-// out first: records arrive at any alignment.
+// that the tool's filters look at, both from the one decoder of
+// tools/kelo_bpf_client_record.h.
 //
 // One event is one object, keys in this order:
 //   "record": "event", "type": <number>, "name": <type name or "unknown">,
@@ -22,6 +21,8 @@
 #include <optional>
 #include <string>
 
+#include "tools/kelo_bpf_client_record.h"
+
 namespace Kelo {
 namespace Bpf {
 
@@ -30,37 +31,8 @@ using Json = nlohmann::ordered_json;
 // The event record as a JSON object (see above).
 Json EventToJson(const char* record, size_t size);
 
-// What the filters of `watch` need to know of one record.
-struct EventFacts {
-  // False when the record is shorter than its type field.
-  bool typed = false;
-  uint32_t type = 0;
-  // False when the record is shorter than its type's layout or the type has
-  // none: then only `type` is set.
-  bool decoded = false;
-  // The process the event is about (for cgroup_attach: a thread id).
-  std::optional<int32_t> pid;
-  // Its name as the record gives it, bytes up to the first NUL.
-  std::optional<std::string> comm;
-  // Type 1: the member (enum kelo_rss_member) and its new size.
-  std::optional<int32_t> rssMember;
-  std::optional<int64_t> rssSize;
-  // Type 50004: |rss - rss_old| summed over the four members.
-  std::optional<uint64_t> rssDelta;
-  // A whole process ended (exit of kind process, or 50002).
-  bool processExit = false;
-};
-
 // The facts of `record`; also its JSON object into `json` when given.
 EventFacts DescribeEvent(const char* record, size_t size, Json* json = nullptr);
-
-// The task name of a 16-byte kernel name field: the bytes up to the first
-// NUL, all 16 when there is none.
-std::string CommString(const char* comm, size_t length);
-
-// Length of the well-formed UTF-8 sequence at bytes[i], 0 when none starts
-// there.
-size_t Utf8SequenceLength(const std::string& bytes, size_t i);
 
 // True when `bytes` is well-formed UTF-8 (no overlong forms, surrogates or
 // code points above U+10FFFF).

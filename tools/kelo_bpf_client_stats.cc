@@ -60,7 +60,13 @@ bool CollectServiceFigures(const ServiceOptions& options, ServiceFigures* figure
     error->message = ServiceFilePath(STATE_FILE) + ": " + problem;
     return false;
   }
-  out.summary = SummarizeState(out.state);
+  std::string procStat, procUptime;
+  std::optional<int64_t> age;
+  if (android::base::ReadFileToString("/proc/" + std::to_string(out.pid) + "/stat", &procStat) &&
+      android::base::ReadFileToString("/proc/uptime", &procUptime)) {
+    age = ServiceAgeSeconds(procStat, procUptime, sysconf(_SC_CLK_TCK));
+  }
+  out.summary = SummarizeState(out.state, 10, age);
   *figures = std::move(out);
   return true;
 }

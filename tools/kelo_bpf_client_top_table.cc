@@ -6,18 +6,11 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "helper/kelo_bpf_helper_strings.h"
-#include "tools/kelo_bpf_client_json.h"
+#include "tools/kelo_bpf_client_record.h"
 
 namespace Kelo {
 namespace Bpf {
 namespace {
-
-template <typename Record>
-bool CopyRecord(const char* bytes, size_t size, Record* record) {
-  if (size < sizeof(Record)) return false;
-  memcpy(record, bytes, sizeof(Record));
-  return true;
-}
 
 // Bytes to KiB as the dump converts them: truncated toward zero.
 int64_t Kb(int64_t bytes) { return bytes / 1024; }
@@ -166,27 +159,7 @@ TopSnapshot TopTable::snapshot() {
   return snapshot;
 }
 
-void AppendPrintableComm(std::string* out, const std::string& comm) {
-  for (size_t i = 0; i < comm.size();) {
-    const unsigned char c = static_cast<unsigned char>(comm[i]);
-    const size_t length = Utf8SequenceLength(comm, i);
-    if (length == 0 || c < 0x20 || c == 0x7f) {
-      static constexpr char DIGITS[] = "0123456789abcdef";
-      const char escaped[] = {'\\', 'x', DIGITS[c >> 4], DIGITS[c & 0xf]};
-      out->append(escaped, sizeof(escaped));
-      ++i;
-    } else {
-      out->append(comm, i, length);
-      i += length;
-    }
-  }
-}
-
-std::string PrintableComm(const std::string& comm) {
-  std::string out;
-  AppendPrintableComm(&out, comm);
-  return out;
-}
+std::string PrintableComm(const std::string& comm) { return EscapedComm(comm, false); }
 
 void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string* out) {
   std::string& text = *out;
@@ -224,7 +197,7 @@ void RenderTop(const TopSnapshot& snapshot, const TopScreen& screen, std::string
                  "%7d %7d %5d %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10" PRId64 " %10s ", row.pid,
                  row.ppid, row.threads, row.anonKb, row.fileKb, row.shmemKb, row.swapKb, row.totalKb(), change);
     line.assign(numbers, static_cast<size_t>(std::max(0, std::min<int>(length, sizeof(numbers) - 1))));
-    AppendPrintableComm(&line, row.comm);
+    line += PrintableComm(row.comm);
     AppendFitted(&text, line, screen.width);
   }
 }

@@ -8,39 +8,22 @@
 
 namespace Kelo {
 namespace Bpf {
-namespace {
-
-constexpr const char* TASK_INIT_ALIASES[] = {"kelo_task_init", nullptr};
-constexpr const char* RSS_ALIASES[] = {"rss_stat", "kmem_rss_info", nullptr};
-constexpr const char* FORK_ALIASES[] = {"sched_task_create", nullptr};
-constexpr const char* EXIT_ALIASES[] = {"sched_task_exit", nullptr};
-constexpr const char* DMABUF_SIZE_ALIASES[] = {"dmabuf_size_info", nullptr};
-constexpr const char* CGROUP_ALIASES[] = {"cgroup_attach_cpuset_info", nullptr};
-constexpr const char* FD_ALIASES[] = {"fd_update_info", nullptr};
-constexpr const char* NO_ALIASES[] = {nullptr};
-constexpr const char* CREATED_ALIASES[] = {"process_create", nullptr};
-constexpr const char* EXITED_ALIASES[] = {"process_exit", nullptr};
-constexpr const char* THREADS_ALIASES[] = {"thread_count", nullptr};
-constexpr const char* RSS_CHANGED_ALIASES[] = {"rss_change", nullptr};
-constexpr const char* LOST_ALIASES[] = {"events_lost", nullptr};
-
-}  // namespace
 
 const std::vector<ClientEventTypeInfo>& ClientEventTypes() {
   static const std::vector<ClientEventTypeInfo> TYPES = {
-      {KELO_EVENT_TASK_INIT, "task_init", TASK_INIT_ALIASES, "snapshot of a process (start-up scan)"},
-      {KELO_EVENT_RSS_STAT, "rss", RSS_ALIASES, "one RSS counter of a process changed"},
-      {KELO_EVENT_TASK_CREATE, "fork", FORK_ALIASES, "a process or thread was created"},
-      {KELO_EVENT_TASK_EXIT, "exit", EXIT_ALIASES, "a process or thread exited"},
-      {KELO_EVENT_DMABUF_SIZE, "dmabuf_size", DMABUF_SIZE_ALIASES, "dma-buf totals of a process"},
-      {KELO_EVENT_CGROUP_ATTACH, "cgroup_attach", CGROUP_ALIASES, "a task moved into a cgroup"},
-      {KELO_EVENT_FD_UPDATE, "fd_update", FD_ALIASES, "descriptor count of a process grew"},
-      {KELO_EVENT_DMABUF_UPDATE, "dmabuf_update", NO_ALIASES, "one operation on a dma-buf"},
-      {KELO_CLIENT_EVENT_PROCESS_CREATE, "process_created", CREATED_ALIASES, "derived: new process"},
-      {KELO_CLIENT_EVENT_PROCESS_EXIT, "process_exited", EXITED_ALIASES, "derived: process ended"},
-      {KELO_CLIENT_EVENT_THREAD_COUNT, "threads_changed", THREADS_ALIASES, "derived: thread count moved by 11+"},
-      {KELO_CLIENT_EVENT_RSS_CHANGE, "rss_changed", RSS_CHANGED_ALIASES, "derived: RSS moved by 16 KiB+"},
-      {CLIENT_EVENT_LOST, "lost", LOST_ALIASES, "derived: events the service lost"},
+      {KELO_EVENT_TASK_INIT, "task_init", {"kelo_task_init"}, "snapshot of a process (start-up scan)"},
+      {KELO_EVENT_RSS_STAT, "rss", {"rss_stat", "kmem_rss_info"}, "one RSS counter of a process changed"},
+      {KELO_EVENT_TASK_CREATE, "fork", {"sched_task_create"}, "a process or thread was created"},
+      {KELO_EVENT_TASK_EXIT, "exit", {"sched_task_exit"}, "a process or thread exited"},
+      {KELO_EVENT_DMABUF_SIZE, "dmabuf_size", {"dmabuf_size_info"}, "dma-buf totals of a process"},
+      {KELO_EVENT_CGROUP_ATTACH, "cgroup_attach", {"cgroup_attach_cpuset_info"}, "a task moved into a cgroup"},
+      {KELO_EVENT_FD_UPDATE, "fd_update", {"fd_update_info"}, "descriptor count of a process grew"},
+      {KELO_EVENT_DMABUF_UPDATE, "dmabuf_update", {}, "one operation on a dma-buf"},
+      {KELO_CLIENT_EVENT_PROCESS_CREATE, "process_created", {"process_create"}, "derived: new process"},
+      {KELO_CLIENT_EVENT_PROCESS_EXIT, "process_exited", {"process_exit"}, "derived: process ended"},
+      {KELO_CLIENT_EVENT_THREAD_COUNT, "threads_changed", {"thread_count"}, "derived: thread count moved by 11+"},
+      {KELO_CLIENT_EVENT_RSS_CHANGE, "rss_changed", {"rss_change"}, "derived: RSS moved by 16 KiB+"},
+      {CLIENT_EVENT_LOST, "lost", {"events_lost"}, "derived: events the service lost"},
   };
   return TYPES;
 }

@@ -11,8 +11,8 @@
 namespace Kelo {
 namespace Bpf {
 
-// Type 50005: the service's report of events it lost. Named here ahead of
-// its record layout, which the tool decodes as bytes until then.
+// Type 50005: the service's report of events it lost
+// (kelo_events_lost_client_event).
 inline constexpr uint32_t CLIENT_EVENT_LOST = 50005;
 
 // Directory of the service's dump and state files.
@@ -27,6 +27,8 @@ inline constexpr int SIGNAL_DUMP_USER = 52;
 inline constexpr int SIGNAL_DUMP_SHORT = 53;
 inline constexpr int SIGNAL_DUMP_SHORT_USER = 54;
 
+inline constexpr int MAX_EVENT_TYPE_ALIASES = 2;
+
 // One subscribable event type.
 struct ClientEventTypeInfo {
   uint32_t type;
@@ -34,7 +36,7 @@ struct ClientEventTypeInfo {
   const char* name;
   // Other names accepted for it: earlier names of the tool and the
   // service's counter names; null-terminated.
-  const char* const* aliases;
+  const char* aliases[MAX_EVENT_TYPE_ALIASES + 1];
   // One line for --help.
   const char* description;
 };

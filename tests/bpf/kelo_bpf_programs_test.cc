@@ -53,13 +53,6 @@ std::vector<T> Matching(const std::vector<Bytes>& records, uint32_t type, const 
   return out;
 }
 
-std::string OwnComm() {
-  std::ifstream in("/proc/self/comm");
-  std::string comm;
-  std::getline(in, comm);
-  return comm;
-}
-
 std::string CommOf(const char (&comm)[KELO_COMM_LEN]) { return std::string(comm, strnlen(comm, KELO_COMM_LEN)); }
 
 uint64_t MonotonicNs() {
@@ -388,15 +381,9 @@ TEST_F(KeloBpfProgramsTest, CgroupMoveIsReportedWithItsDestination) {
 }
 
 // Per type, the lost counts of all CPUs added up.
-std::vector<uint64_t> LostByType(int lostFd) {
-  const int cpus = libbpf_num_possible_cpus();
+std::vector<uint64_t> LostByType(const LostCounts& lost) {
   std::vector<uint64_t> totals;
-  for (uint32_t type = 0; type < KELO_RB_LOST_ENTRIES; ++type) {
-    std::vector<kelo_ringbuf_lost> perCpu(static_cast<size_t>(cpus));
-    EXPECT_EQ(bpf_map_lookup_elem(lostFd, &type, perCpu.data()), 0) << type;
-    totals.push_back(0);
-    for (const kelo_ringbuf_lost& cpu : perCpu) totals.back() += cpu.records;
-  }
+  for (uint32_t type = 0; type < KELO_RB_LOST_ENTRIES; ++type) totals.push_back(lost.Total(type));
   return totals;
 }
 
@@ -418,32 +405,25 @@ TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagCountsLossesAndRecordsPos
     bpf_program__set_autoload(prog, bpf_program__name(prog) == std::string(kFork));
   }
   ASSERT_EQ(bpf_object__load(object.get()), 0);
-  const int statusFd = bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_status"));
-  const auto entry = [&](uint32_t key) {
-    uint64_t value = 0;
-    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &key, &value), 0);
-    return value;
-  };
-  const uint32_t flagsKey = KELO_RB_STATUS_FLAGS;
-  const uint64_t core = KELO_RB_FLAG_CORE;
-  ASSERT_EQ(bpf_map_update_elem(statusFd, &flagsKey, &core, BPF_ANY), 0);
+  auto status = StatusArray::Of(bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_status")));
+  auto lost = LostCounts::Of(bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_lost")));
+  ASSERT_TRUE(status && lost && status->Set(KELO_RB_STATUS_FLAGS, KELO_RB_FLAG_CORE));
   unique_fd link(bpf_attach_tracepoint(bpf_program__fd(bpf_object__find_program_by_name(object.get(), kFork)), "sched",
                                        "sched_process_fork"));
   ASSERT_GE(link.get(), 0);
 
-  const int lostFd = bpf_map__fd(bpf_object__find_map_by_name(object.get(), "ringbuf_lost"));
-  ASSERT_EQ(LostByType(lostFd), std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0));
+  ASSERT_EQ(LostByType(*lost), std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0));
 
   constexpr size_t kRecordSpace = sizeof(kelo_task_create_event) + 8;  // plus ring header
   constexpr size_t kChildren = 2 * kTinyRing / kRecordSpace;
   for (size_t i = 0; i < kChildren; ++i) RunChild();
   link.reset();
 
-  EXPECT_EQ(entry(KELO_RB_STATUS_FLAGS), uint64_t{KELO_RB_FLAG_CORE | KELO_RB_FLAG_FULL});
-  EXPECT_EQ(entry(KELO_RB_STATUS_RING_SIZE), kTinyRing);
-  const uint64_t avail = entry(KELO_RB_STATUS_AVAIL_DATA);
+  EXPECT_EQ(status->Get(KELO_RB_STATUS_FLAGS), uint64_t{KELO_RB_FLAG_CORE | KELO_RB_FLAG_FULL});
+  EXPECT_EQ(status->Get(KELO_RB_STATUS_RING_SIZE), kTinyRing);
+  const uint64_t avail = status->Get(KELO_RB_STATUS_AVAIL_DATA);
   EXPECT_GT(avail, kTinyRing - kRecordSpace);
-  EXPECT_EQ(entry(KELO_RB_STATUS_PROD_POS) - entry(KELO_RB_STATUS_CONS_POS), avail);
+  EXPECT_EQ(status->Get(KELO_RB_STATUS_PROD_POS) - status->Get(KELO_RB_STATUS_CONS_POS), avail);
   auto reader = RingBufferReader::Create(bpf_map__fd(ring));
   ASSERT_NE(reader, nullptr);
   const size_t stored = reader->Drain().size();
@@ -451,10 +431,10 @@ TEST(KeloBpfOverflowTest, FullRingBufferSetsTheFullFlagCountsLossesAndRecordsPos
 
   // Forks of other processes on this machine are counted too, so the
   // children are a lower bound of what the program tried to write.
-  std::vector<uint64_t> lost = LostByType(lostFd);
-  EXPECT_GE(stored + lost[KELO_EVENT_TASK_CREATE], kChildren);
-  lost[KELO_EVENT_TASK_CREATE] = 0;
-  EXPECT_EQ(lost, std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0)) << "only fork records were lost";
+  std::vector<uint64_t> lostByType = LostByType(*lost);
+  EXPECT_GE(stored + lostByType[KELO_EVENT_TASK_CREATE], kChildren);
+  lostByType[KELO_EVENT_TASK_CREATE] = 0;
+  EXPECT_EQ(lostByType, std::vector<uint64_t>(KELO_RB_LOST_ENTRIES, 0)) << "only fork records were lost";
 }
 
 }  // namespace

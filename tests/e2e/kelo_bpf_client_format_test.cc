@@ -23,7 +23,11 @@ std::string Format(const std::string& misaligned) {
   return FormatClientEvent(misaligned.data() + 1, misaligned.size() - 1);
 }
 
-TEST(ClientFormat, DecodesRawAndDerivedRecordsAtAnyAlignment) {
+// The decoder is shared with the JSON form (its tests cover every field) and
+// every wide field at an odd offset is in the unaligned records test; here
+// what only the text line does: key=value words, names of blanks and
+// control bytes as \xNN, unknown enumerations and hex dumps.
+TEST(ClientFormat, WritesOneSplittableWordPerFieldAndNamesUnknownValues) {
   kelo_task_create_event fork{};
   fork.header.type = KELO_EVENT_TASK_CREATE;
   fork.header.ts = 81234567890123ULL;
@@ -33,18 +37,13 @@ TEST(ClientFormat, DecodesRawAndDerivedRecordsAtAnyAlignment) {
   fork.kind = KELO_TASK_KIND_PROCESS;
   EXPECT_EQ(Format(Misaligned(fork)), "fork ts=81234567890123 pid=123 ppid=1 uid=0 comm=bash kind=process");
 
-  kelo_rss_change_client_event rss{};
-  rss.type = KELO_CLIENT_EVENT_RSS_CHANGE;
-  rss.pid = 7;
-  memcpy(rss.comm, "0123456789abcdef", KELO_COMM_LEN);  // all 16 bytes, no NUL
-  rss.rss[KELO_RSS_ANON] = 1LL << 40;
-  rss.rss_old[KELO_RSS_SHMEM] = -1;
-  EXPECT_EQ(Format(Misaligned(rss)),
-            "rss_change pid=7 ppid=0 uid=0 comm=0123456789abcdef file=0 anon=1099511627776 swap=0 shmem=0 "
-            "old_file=0 old_anon=0 old_swap=0 old_shmem=-1");
-}
+  kelo_task_exit_event exit{};
+  exit.header.type = KELO_EVENT_TASK_EXIT;
+  exit.pid = 9;
+  memcpy(exit.comm, "Web Content\t", 12);
+  exit.kind = 7;
+  EXPECT_EQ(Format(Misaligned(exit)), "exit ts=0 pid=9 comm=Web\\x20Content\\x09 kind=unknown(7)");
 
-TEST(ClientFormat, DecodesLossReportsAtAnyAlignment) {
   kelo_events_lost_client_event lost{};
   lost.type = KELO_CLIENT_EVENT_EVENTS_LOST;
   lost.lost_type = KELO_EVENT_TASK_EXIT;
@@ -54,20 +53,8 @@ TEST(ClientFormat, DecodesLossReportsAtAnyAlignment) {
   lost.last_ts = 81234567890124ULL;
   EXPECT_EQ(Format(Misaligned(lost)),
             "lost lost_type=3 site=kernel count=8589934592 first_ts=81234567890123 last_ts=81234567890124");
-  lost.lost_type = KELO_CLIENT_EVENT_PROCESS_CREATE;
-  lost.site = KELO_LOSS_SITE_QUEUE;
-  EXPECT_EQ(Format(Misaligned(lost)).substr(0, 36), "lost lost_type=50001 site=queue coun");
   lost.site = 9;
   EXPECT_NE(Format(Misaligned(lost)).find(" site=unknown(9) "), std::string::npos);
-}
-
-TEST(ClientFormat, KeepsLinesSplittableAndNamesUnknownValues) {
-  kelo_task_exit_event exit{};
-  exit.header.type = KELO_EVENT_TASK_EXIT;
-  exit.pid = 9;
-  memcpy(exit.comm, "Web Content\t", 12);
-  exit.kind = 7;
-  EXPECT_EQ(Format(Misaligned(exit)), "exit ts=0 pid=9 comm=Web\\x20Content\\x09 kind=unknown(7)");
 }
 
 TEST(ClientFormat, DumpsShortAndUnknownRecords) {

@@ -14,7 +14,6 @@
 #include <map>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,19 +28,15 @@
 #include "tests/support/process.h"
 #include "tests/support/state_file.h"
 #include "tests/support/wait.h"
+#include "tools/kelo_bpf_client_files.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME;
 using Kelo::Bpf::REQ_ADD_OBSERVER_EVENT;
+using kelo_test::OwnComm;
 using kelo_test::WaitUntil;
-
-std::string OwnComm() {
-  std::string comm;
-  android::base::ReadFileToString("/proc/self/comm", &comm);
-  return android::base::Trim(comm);
-}
 
 // The record an event package carries, if it is one of type T's size.
 template <typename T>
@@ -92,6 +87,13 @@ bool NormalEventsFlow() {
   });
 }
 
+// Once events flow: task creation and exit only, as the machine's memory
+// records would crowd a slow (sanitizer) build's ring buffer.
+bool OnlyTaskEventsFlow() {
+  auto status = kelo_test::StatusArray::Open(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status"));
+  return NormalEventsFlow() && status && status->Set(KELO_RB_STATUS_FLAGS, KELO_RB_FLAG_CORE);
+}
+
 // Runs a Python program as a child of this process; its stdout is readable.
 class Script {
  public:
@@ -128,11 +130,7 @@ TEST(E2eTasks, ForksAndExitsOfFortyChildrenArriveAsProcessEventsWithPidParentAnd
   KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
   Subscriber subscriber({KELO_CLIENT_EVENT_PROCESS_CREATE, KELO_CLIENT_EVENT_PROCESS_EXIT});
-  ASSERT_TRUE(NormalEventsFlow());
-  // Task creation and exit only: the machine's memory records would crowd a
-  // slow (sanitizer) build's ring buffer.
-  auto status = kelo_test::StatusArray::Open(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status"));
-  ASSERT_TRUE(status && status->Set(KELO_RB_STATUS_FLAGS, KELO_RB_FLAG_CORE));
+  ASSERT_TRUE(OnlyTaskEventsFlow());
   std::set<pid_t> children;
   for (int i = 0; i < 40; ++i) children.insert(kelo_test::RunChild());
   const std::string comm = OwnComm();
@@ -212,86 +210,66 @@ std::map<int, std::string> PsThreads() {
   return rows;
 }
 
-// The task table the service writes on `signal`: its count line and, by
-// pid, "ppid threads" and the row's four current KB figures summed.
-struct TaskDump {
-  unsigned count = 0;
-  std::map<int, std::string> threads;
-  std::map<int, int64_t> rssKb;
-};
-
-std::optional<TaskDump> RequestTaskDump(int signal) {
+// The task table the service writes on `signal`, parsed by the client
+// tool's reader; every line must be a row.
+std::optional<Kelo::Bpf::TaskDump> RequestTaskDump(int signal) {
   const char* path = Kelo::Bpf::KeloTaskManager::KELOTASK_DUMP_TEMPLATE;
   unlink(path);
   kill(getpid(), signal);
-  std::string text;
+  std::string text, problem;
+  Kelo::Bpf::TaskDump dump;
   if (!WaitUntil([&] {
         return android::base::ReadFileToString(path, &text) && text.find("initTimeStamp") != std::string::npos &&
                text.back() == '\n';
       })) {
     return std::nullopt;
   }
-  TaskDump dump;
-  std::istringstream lines(text);
-  std::string line;
-  std::getline(lines, line);
-  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u", &dump.count);
-  std::getline(lines, line);
-  const bool full = line.find("oldThreadNum") != std::string::npos;
-  while (std::getline(lines, line)) {
-    // Kernel names are shorter than the 16 columns they are padded to.
-    int pid = 0, ppid = 0, threads = 0, oldThreads = 0;
-    unsigned mmId = 0;
-    long long kb[8] = {};
-    const char* row = line.c_str() + KELO_COMM_LEN;
-    const int n = full ? sscanf(row, "%d %d %d %d %u %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB %lld KB",
-                                &pid, &ppid, &threads, &oldThreads, &mmId, &kb[0], &kb[1], &kb[2], &kb[3], &kb[4],
-                                &kb[5], &kb[6], &kb[7])
-                       : sscanf(row, "%d %d %d %u %lld KB %lld KB %lld KB %lld KB", &pid, &ppid, &threads, &mmId,
-                                &kb[0], &kb[2], &kb[4], &kb[6]);
-    EXPECT_EQ(n, full ? 13 : 8) << line;
-    dump.threads[pid] = std::to_string(ppid) + " " + std::to_string(threads);
-    dump.rssKb[pid] = kb[0] + kb[2] + kb[4] + kb[6];
-  }
+  EXPECT_TRUE(Kelo::Bpf::ParseTaskDump(text, &dump, &problem)) << problem;
+  EXPECT_EQ(dump.skippedLines, 0u) << text;
   return dump;
+}
+
+// pid -> "ppid threads" of a dump's rows.
+std::map<int, std::string> DumpThreads(const Kelo::Bpf::TaskDump& dump) {
+  std::map<int, std::string> rows;
+  for (const auto& row : dump.rows) rows[row.pid] = std::to_string(row.ppid) + " " + std::to_string(row.threads);
+  return rows;
 }
 
 TEST(E2eTasks, TaskTableOfSignalFiftyOneAgreesWithPsAndFiftyTwoLeavesKernelThreadsOut) {
   KELO_SKIP_WITHOUT_BPF();
   kelo_test::StartServiceLikeTheDaemon();
-  ASSERT_TRUE(NormalEventsFlow());
-  // Threads and parents come from task records; memory records are not
-  // needed, and would crowd a slow (sanitizer) build's ring buffer.
-  auto status = kelo_test::StatusArray::Open(KELO_BPF_MAP_PATH(KELO_BPF_DEFINESET, "ringbuf_status"));
-  ASSERT_TRUE(status && status->Set(KELO_RB_STATUS_FLAGS, KELO_RB_FLAG_CORE));
+  ASSERT_TRUE(OnlyTaskEventsFlow());  // threads and parents come from task records
   const std::map<int, std::string> before = PsThreads();
-  const std::optional<TaskDump> all = RequestTaskDump(51);
+  const std::optional<Kelo::Bpf::TaskDump> all = RequestTaskDump(51);
   const std::map<int, std::string> after = PsThreads();
   ASSERT_TRUE(all);
-  EXPECT_EQ(all->count, all->threads.size());
+  const std::map<int, std::string> allThreads = DumpThreads(*all);
+  EXPECT_EQ(all->count, allThreads.size());
   int compared = 0;
   for (const auto& [pid, row] : before) {
     auto later = after.find(pid);
     // Alive before and after with the same parent and threads all along.
     if (later == after.end() || later->second != row) continue;
     ++compared;
-    auto dumped = all->threads.find(pid);
-    ASSERT_NE(dumped, all->threads.end()) << "pid " << pid << " missing";
+    auto dumped = allThreads.find(pid);
+    ASSERT_NE(dumped, allThreads.end()) << "pid " << pid << " missing";
     EXPECT_EQ(dumped->second, row) << "pid " << pid << ": ppid and threads in the table, then by ps";
   }
   EXPECT_GT(compared, 10);
 
   // Only processes that own memory: no kernel thread, the count of all.
-  const std::optional<TaskDump> user = RequestTaskDump(52);
+  const std::optional<Kelo::Bpf::TaskDump> user = RequestTaskDump(52);
   ASSERT_TRUE(user);
-  EXPECT_GE(user->count, user->threads.size());
-  EXPECT_LT(user->threads.size(), all->threads.size());
-  EXPECT_EQ(user->threads.count(2), 0u);
-  for (const auto& [pid, row] : user->threads) {
-    EXPECT_FALSE(android::base::StartsWith(row, "2 ")) << "kernel thread " << pid;
-    EXPECT_GT(user->rssKb.at(pid), 0) << pid;
+  EXPECT_GE(user->count, user->rows.size());
+  EXPECT_LT(user->rows.size(), all->rows.size());
+  bool self = false;
+  for (const auto& row : user->rows) {
+    EXPECT_TRUE(row.pid != 2 && row.ppid != 2) << "kernel thread " << row.pid;
+    EXPECT_GT(row.anonKb + row.fileKb + row.shmemKb + row.swapKb, 0) << row.pid;
+    self = self || row.pid == getpid();
   }
-  EXPECT_EQ(user->threads.count(getpid()), 1u);
+  EXPECT_TRUE(self);
 }
 
 TEST(E2eTasks, StateFileTotalsAgreeWithWhatASubscriberSinceBeforeReadinessReceived) {
@@ -328,6 +306,7 @@ TEST(E2eTasks, StateFileTotalsAgreeWithWhatASubscriberSinceBeforeReadinessReceiv
     all += expected;
   }
   EXPECT_EQ((*totals)[0], all);
+  EXPECT_GT((*totals)[1 + KELO_EVENT_POLL_COUNT], 0);
 }
 
 }  // namespace

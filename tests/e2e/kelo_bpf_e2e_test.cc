@@ -75,6 +75,15 @@ std::string Tag(const kelo_test::Package& package, pid_t child) {
   return std::to_string(type) + (ofChild ? " child" : "");
 }
 
+// Children until the client tool shows the fork of one of them: the kernel
+// side may still be switching task events on when the first is made.
+bool PrintsTheForkOfAChild(const Tool& client) {
+  return WaitUntil([&] {
+    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
+    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
+  });
+}
+
 TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
   KELO_SKIP_WITHOUT_BPF();
   StartServiceLikeTheDaemon();
@@ -113,67 +122,6 @@ TEST(E2eService, SubscriberGetsItsResponsesThenTheForkAndExitOfAChild) {
   EXPECT_LT(first("response 0: 0"), first("2"));
   EXPECT_LT(first("response 1: 0"), first("3"));
   for (const std::string& tag : tags) EXPECT_TRUE(tag[0] == 'r' || tag[0] == '2' || tag[0] == '3') << tag;
-}
-
-TEST(E2eService, SignalFiftyWritesTheStateFileWithTheCountedTaskEvents) {
-  KELO_SKIP_WITHOUT_BPF();
-  StartServiceLikeTheDaemon();
-  // A delivered fork record shows that the pumps run, and so that the dump
-  // handlers they install are in place.
-  kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
-  ASSERT_TRUE(client.Connect());
-  ASSERT_EQ(client.Ask(0, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_CREATE), 0);
-  ASSERT_TRUE(WaitUntil([&] {
-    RunChild();
-    return client.Next(100ms).has_value();
-  }));
-  // Each round adds a fork and an exit and asks for a fresh file, until one
-  // holds them.
-  std::optional<std::vector<int64_t>> totals;
-  ASSERT_TRUE(WaitUntil([&] {
-    RunChild();
-    totals = kelo_test::RequestStateTotals(1s);
-    return totals && (*totals)[1 + KELO_EVENT_TASK_CREATE] > 0 && (*totals)[1 + KELO_EVENT_TASK_EXIT] > 0;
-  }));
-  EXPECT_GT((*totals)[0], 0);                          // all events
-  EXPECT_GT((*totals)[1 + KELO_EVENT_POLL_COUNT], 0);  // polls
-}
-
-TEST(E2eTools, ClientToolPrintsTheForkOfAChildAndBothToolsStopCleanly) {
-  KELO_SKIP_WITHOUT_BPF();
-  Tool daemon(KELO_DAEMON_PATH, {"--load"}, "daemon");
-  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
-  ASSERT_TRUE(WaitUntil(ServiceListening));
-  Tool client(KELO_CLIENT_PATH, {"--type", "2", "--type", "3"}, "client");
-  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=1 type=3 result=0"); }))
-      << client.Out() << client.Err();
-
-  // Children until the client shows one of them: the kernel side may still be
-  // switching task events on when the first is made.
-  ASSERT_TRUE(WaitUntil([&] {
-    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
-    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
-  })) << client.Out();
-  EXPECT_TRUE(client.Printed("kind=process"));
-  // The subscriber library sends request ids from 0 in the order of the
-  // types and matches each answer to its type, before any event.
-  EXPECT_LT(client.Out().find("response reqId=0 type=2 result=0"), client.Out().find("fork ts="));
-  EXPECT_LT(client.Out().find("response reqId=1 type=3 result=0"), client.Out().find("fork ts="));
-
-  client.Signal(SIGTERM);
-  EXPECT_EQ(client.Wait(), 0) << client.Err();
-  EXPECT_TRUE(client.Printed("summary type=2 name=fork events="));
-  EXPECT_FALSE(client.Printed("summary type=2 name=fork events=0\n"));
-
-  daemon.Signal(kelo_test::SIGNAL_DUMP_STATE);
-  std::string state;
-  EXPECT_TRUE(WaitUntil([&] {
-    return android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &state) &&
-           android::base::StartsWith(state, "EventCount, ");
-  }));
-  daemon.Signal(SIGTERM);
-  EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
-  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
 }
 
 TEST(E2eTools, DaemonEndsWithSuccessWhenStoppedBeforeReadinessOrDisabled) {
@@ -243,9 +191,16 @@ TEST(E2eTools, DaemonPrintsItsVersionAndKeepsItsPidFileOnlyWhileItRuns) {
   ASSERT_TRUE(WaitUntil([&] { return android::base::ReadFileToString(pidFile, &text); })) << daemon.Err();
   EXPECT_EQ(text, std::to_string(daemon.Pid()) + "\n");
   // What a dump request finds through the pid file before the service takes
-  // the dump signals: the daemon drops it and lives on.
+  // the dump signals: the daemon drops it and lives on, and the client tool
+  // does not send it (the emulator shows every signal as caught).
   daemon.Signal(kelo_test::SIGNAL_DUMP_STATE);
   EXPECT_FALSE(daemon.Wait(300ms).has_value());
+  if (!kelo_test::UnderEmulation()) {
+    Tool dump(KELO_CLIENT_PATH, {"dump", "--pidfile", pidFile}, "dump");
+    EXPECT_EQ(dump.Wait(), 1);
+    EXPECT_TRUE(dump.Logged("does not handle signal 51 yet")) << dump.Err();
+    EXPECT_FALSE(daemon.Wait(200ms).has_value()) << "the daemon must still run";
+  }
   daemon.Signal(SIGTERM);
   EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
   EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
@@ -287,10 +242,11 @@ std::string UnitBoundingSet(const std::string& without = "") {
 }
 
 // The systemd unit takes every capability but its bounding set from the
-// daemon: with exactly that set it loads, attaches and delivers events, and
-// stops cleanly; without CAP_PERFMON (so the set is really in force) the
-// kernel refuses every program.
-TEST(E2eTools, DaemonWorksWithTheCapabilitiesOfItsSystemdUnitOnly) {
+// daemon: with exactly that set it loads, attaches, delivers events to the
+// client tool, writes its state file and stops cleanly, as does the tool;
+// without CAP_PERFMON (so the set is really in force) the kernel refuses
+// every program.
+TEST(E2eTools, DaemonWithTheCapabilitiesOfItsSystemdUnitServesTheClientToolAndBothStopCleanly) {
   KELO_SKIP_WITHOUT_BPF();
   const std::string bounding = UnitBoundingSet();
   ASSERT_NE(bounding.find("+bpf,+perfmon"), std::string::npos) << bounding;
@@ -298,18 +254,31 @@ TEST(E2eTools, DaemonWorksWithTheCapabilitiesOfItsSystemdUnitOnly) {
   Tool daemon("/usr/bin/setpriv",
               {"--bounding-set", bounding, "--inh-caps=-all", "--", KELO_DAEMON_PATH, "--load", "--pidfile", pidFile},
               "daemon");
-  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
-  ASSERT_TRUE(WaitUntil(ServiceListening));
-  Tool client(KELO_CLIENT_PATH, {"--type", "2"}, "client");
-  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=0 type=2 result=0"); })) << client.Out();
-  ASSERT_TRUE(WaitUntil([&] {
-    const std::string forkLine = " pid=" + std::to_string(RunChild()) + " ppid=" + std::to_string(getpid());
-    return WaitUntil([&] { return client.Printed(forkLine); }, 500ms);
-  })) << client.Out();
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); }) && WaitUntil(ServiceListening))
+      << daemon.Err();
+  Tool client(KELO_CLIENT_PATH, {"--type", "2", "--type", "3"}, "client");
+  ASSERT_TRUE(WaitUntil([&] { return client.Printed("response reqId=1 type=3 result=0"); }))
+      << client.Out() << client.Err();
+  ASSERT_TRUE(PrintsTheForkOfAChild(client)) << client.Out();
+  EXPECT_TRUE(client.Printed("kind=process"));
+  // The subscriber library sends request ids from 0 in the order of the
+  // types and matches each answer to its type, before any event.
+  EXPECT_LT(client.Out().find("response reqId=0 type=2 result=0"), client.Out().find("fork ts="));
+  EXPECT_LT(client.Out().find("response reqId=1 type=3 result=0"), client.Out().find("fork ts="));
   client.Signal(SIGTERM);
   EXPECT_EQ(client.Wait(), 0) << client.Err();
+  EXPECT_TRUE(client.Printed("summary type=2 name=fork events="));
+  EXPECT_FALSE(client.Printed("summary type=2 name=fork events=0\n"));
+
+  daemon.Signal(kelo_test::SIGNAL_DUMP_STATE);
+  std::string state;
+  EXPECT_TRUE(WaitUntil([&] {
+    return android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &state) &&
+           android::base::StartsWith(state, "EventCount, ");
+  }));
   daemon.Signal(SIGTERM);
   EXPECT_EQ(daemon.Wait(), 0) << daemon.Err();
+  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
   EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
 
   Tool restricted(

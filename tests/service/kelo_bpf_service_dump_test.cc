@@ -1,5 +1,6 @@
 // The task dumps as the running service writes them on signals 51 to 54.
-// Their exact layout is pinned by the state tests; here the rows are parsed.
+// Their exact layout is pinned by the task manager tests; here the rows are
+// parsed by the client tool's reader.
 // The start-up scan may add the machine's processes to the table, so the
 // cases only look for records of their own, under pids no process can have.
 #include <android-base/file.h>
@@ -13,10 +14,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +25,7 @@
 #include "tests/support/emulation.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wait.h"
+#include "tools/kelo_bpf_client_files.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -38,64 +37,26 @@ constexpr char DUMP_FILE_NAME[] = "DUMPTASK_INFO";
 // Above any pid_max.
 constexpr int32_t OWN_PID_BASE = 2000000000;
 
-struct Row {
-  std::string comm;
-  int32_t pid = 0, ppid = 0, threadNum = 0, oldThreadNum = 0;
-  uint32_t mmId = 0;
-  int64_t anon = 0, anonOld = 0, file = 0, fileOld = 0, shmem = 0, shmemOld = 0, swap = 0, swapOld = 0, init = 0;
-};
-
+// A dump as the client tool's reader sees it; parsed when every line after
+// the headers was a row and the file ended with its last line.
 struct Dump {
-  bool parsed = false;  // every line as the format gives it
-  unsigned count = 0;
-  bool full = false;
-  std::vector<Row> rows;
+  bool parsed = false;
+  TaskDump table;
   std::string text;
 
-  const Row* Find(int32_t pid) const {
-    for (const Row& row : rows) {
+  const TaskDumpRow* Find(int32_t pid) const {
+    for (const TaskDumpRow& row : table.rows) {
       if (row.pid == pid) return &row;
     }
     return nullptr;
   }
 };
 
-// True when all of line after the name was taken by the format.
-bool ParseRow(const std::string& line, bool full, Row* row) {
-  if (line.size() <= KELO_TASK_COMM_LEN) return false;
-  row->comm = line.substr(0, line.find_last_not_of(' ', KELO_TASK_COMM_LEN - 1) + 1);
-  const char* rest = line.c_str() + KELO_TASK_COMM_LEN;
-  int end = -1;
-  if (full) {
-    sscanf(rest,
-           "%d %d %d %d %u %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64
-           " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 "%n",
-           &row->pid, &row->ppid, &row->threadNum, &row->oldThreadNum, &row->mmId, &row->anon, &row->anonOld,
-           &row->file, &row->fileOld, &row->shmem, &row->shmemOld, &row->swap, &row->swapOld, &row->init, &end);
-  } else {
-    sscanf(rest, "%d %d %d %u %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 " KB %" SCNd64 "%n", &row->pid,
-           &row->ppid, &row->threadNum, &row->mmId, &row->anon, &row->file, &row->shmem, &row->swap, &row->init, &end);
-  }
-  return end > 0 && static_cast<size_t>(end) == strlen(rest);
-}
-
 Dump ParseDump(const std::string& text) {
   Dump dump;
   dump.text = text;
-  std::istringstream lines(text);
-  std::string line, header;
-  int64_t time = 0;
-  int end = -1;
-  if (!std::getline(lines, line) || !std::getline(lines, header)) return dump;
-  sscanf(line.c_str(), "============ DUMP ALL KELO TASKS INFO (count: %u, time: %" SCNd64 ") ============%n",
-         &dump.count, &time, &end);
-  if (end < 0 || static_cast<size_t>(end) != line.size() || header.rfind("comm ", 0) != 0) return dump;
-  dump.full = header.find("rssAnonOldSize") != std::string::npos;
-  while (std::getline(lines, line)) {
-    dump.rows.emplace_back();
-    if (!ParseRow(line, dump.full, &dump.rows.back())) return dump;
-  }
-  dump.parsed = !text.empty() && text.back() == '\n';
+  std::string problem;
+  dump.parsed = ParseTaskDump(text, &dump.table, &problem) && dump.table.skippedLines == 0 && text.back() == '\n';
   return dump;
 }
 
@@ -206,26 +167,27 @@ TEST_F(ServiceDumpTest, EachSignalWritesItsVariantWithWholeRecordsWhileTheTableC
     const Dump dump = RequestDump(signal);
     ASSERT_TRUE(dump.parsed) << dump.text;
     const bool allTasks = signal == 51 || signal == 53;
-    EXPECT_EQ(dump.full, signal <= 52);
+    const bool full = signal <= 52;
+    EXPECT_EQ(dump.table.full, full);
     if (allTasks) {
-      EXPECT_EQ(dump.count, dump.rows.size());
-      EXPECT_NE(dump.text.find(RowText(kernel, dump.full ? KeloTaskDumpColumns::FULL : KeloTaskDumpColumns::SHORT)),
+      EXPECT_EQ(dump.table.count, dump.table.rows.size());
+      EXPECT_NE(dump.text.find(RowText(kernel, full ? KeloTaskDumpColumns::FULL : KeloTaskDumpColumns::SHORT)),
                 std::string::npos);
     } else {
-      EXPECT_GT(dump.count, dump.rows.size());
+      EXPECT_GT(dump.table.count, dump.table.rows.size());
       EXPECT_EQ(dump.Find(kernel.pid), nullptr);
     }
-    for (const Row& row : dump.rows) {
+    for (const TaskDumpRow& row : dump.table.rows) {
       if (row.pid < MUTATOR_BASE || row.pid >= MUTATOR_BASE + MUTATOR_PIDS) continue;
       ++mutatorRows;
       ASSERT_EQ(row.comm, "mutator");
-      ASSERT_EQ(row.anon, row.pid);
-      ASSERT_EQ(row.file, row.pid);
-      if (dump.full) {
-        ASSERT_EQ(row.threadNum, row.oldThreadNum);
+      ASSERT_EQ(row.anonKb, row.pid);
+      ASSERT_EQ(row.fileKb, row.pid);
+      if (full) {
+        ASSERT_EQ(row.threads, row.oldThreads);
       }
-      ASSERT_EQ(row.shmem, row.swap);
-      ASSERT_EQ(row.init, row.pid);
+      ASSERT_EQ(row.shmemKb, row.swapKb);
+      ASSERT_EQ(row.initTime, row.pid);
     }
     // Keep the dumps apart in time, so that each sees a different table.
     ASSERT_TRUE(kelo_test::WaitUntil([&] { return changes.load() > changesBefore + 100; }));

@@ -190,20 +190,8 @@ class OverrunRing {
   }
 
   // The kernel's count of lost records of `type`, over all processors.
-  uint64_t Lost(uint32_t type) {
-    std::vector<kelo_ringbuf_lost> perCpu(static_cast<size_t>(libbpf_num_possible_cpus()));
-    EXPECT_EQ(bpf_map_lookup_elem(MapFd("ringbuf_lost"), &type, perCpu.data()), 0);
-    uint64_t total = 0;
-    for (const kelo_ringbuf_lost& cpu : perCpu) total += cpu.records;
-    return total;
-  }
-
-  uint64_t Flags() {
-    uint32_t key = KELO_RB_STATUS_FLAGS;
-    uint64_t flags = 0;
-    bpf_map_lookup_elem(MapFd("ringbuf_status"), &key, &flags);
-    return flags;
-  }
+  uint64_t Lost(uint32_t type) { return kelo_test::LostCounts::Of(MapFd("ringbuf_lost"))->Total(type); }
+  uint64_t Flags() { return kelo_test::StatusArray::Of(MapFd("ringbuf_status"))->Get(KELO_RB_STATUS_FLAGS); }
 
  private:
   int MapFd(const char* name) { return bpf_map__fd(bpf_object__find_map_by_name(object_.get(), name)); }

@@ -3,6 +3,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if_ether.h>
 #include <sys/stat.h>
@@ -124,6 +125,12 @@ std::unique_ptr<StatusArray> StatusArray::Open(const std::string& path) {
   return fd.ok() ? std::unique_ptr<StatusArray>(new StatusArray(std::move(fd))) : nullptr;
 }
 
+std::unique_ptr<StatusArray> StatusArray::Of(int mapFd) {
+  unique_fd fd(fcntl(mapFd, F_DUPFD_CLOEXEC, 0));
+  if (!fd.ok()) ADD_FAILURE() << "dup of status array " << mapFd << ": " << std::strerror(errno);
+  return fd.ok() ? std::unique_ptr<StatusArray>(new StatusArray(std::move(fd))) : nullptr;
+}
+
 uint64_t StatusArray::Get(uint32_t key) const {
   uint64_t value = 0;
   if (bpf_map_lookup_elem(map_.get(), &key, &value) != 0) {
@@ -141,6 +148,12 @@ bool StatusArray::Set(uint32_t key, uint64_t value) {
 std::unique_ptr<LostCounts> LostCounts::Create(const std::string& path) {
   unique_fd fd = CreatePinnedMap(path, BPF_MAP_TYPE_PERCPU_ARRAY, sizeof(uint32_t), sizeof(kelo_ringbuf_lost),
                                  KELO_RB_LOST_ENTRIES);
+  return fd.ok() ? std::unique_ptr<LostCounts>(new LostCounts(std::move(fd))) : nullptr;
+}
+
+std::unique_ptr<LostCounts> LostCounts::Of(int mapFd) {
+  unique_fd fd(fcntl(mapFd, F_DUPFD_CLOEXEC, 0));
+  if (!fd.ok()) ADD_FAILURE() << "dup of lost counts " << mapFd << ": " << std::strerror(errno);
   return fd.ok() ? std::unique_ptr<LostCounts>(new LostCounts(std::move(fd))) : nullptr;
 }
 

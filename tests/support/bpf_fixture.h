@@ -70,6 +70,8 @@ class StatusArray {
  public:
   static std::unique_ptr<StatusArray> Create(const std::string& path);
   static std::unique_ptr<StatusArray> Open(const std::string& path);
+  // The array behind a descriptor of it (duplicated), e.g. a loaded object's.
+  static std::unique_ptr<StatusArray> Of(int mapFd);
 
   int fd() const { return map_.get(); }
   // Entry key (enum kelo_ringbuf_status_key); 0 after a reported failure.
@@ -86,6 +88,8 @@ class StatusArray {
 class LostCounts {
  public:
   static std::unique_ptr<LostCounts> Create(const std::string& path);
+  // The counts behind a descriptor of them (duplicated), e.g. a loaded object's.
+  static std::unique_ptr<LostCounts> Of(int mapFd);
 
   // Adds `records` to processor `cpu`'s count of `type`, as a program that
   // found the ring full there would.

@@ -80,6 +80,21 @@ class InitSocket {
   }
 
  private:
+  // One byte of data with room for one descriptor, for sendmsg or recvmsg.
+  struct FdMessage {
+    FdMessage() {
+      message.msg_iov = &data;
+      message.msg_iovlen = 1;
+      message.msg_control = control;
+      message.msg_controllen = sizeof(control);
+    }
+    FdMessage(const FdMessage&) = delete;
+    char byte = 0;
+    iovec data = {&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+  };
+
   InitSocket(std::string name, pid_t helper, android::base::unique_fd link)
       : name_(std::move(name)), helper_(helper), link_(std::move(link)) {}
 
@@ -98,42 +113,28 @@ class InitSocket {
         chmod(address.sun_path, 0666) != 0) {
       return 11;
     }
-    char byte = 0;
-    iovec data = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    FdMessage out;
+    cmsghdr* header = CMSG_FIRSTHDR(&out.message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-    if (sendmsg(link, &message, 0) != 1) return 12;
-    while (read(link, &byte, 1) > 0) {
+    if (sendmsg(link, &out.message, 0) != 1) return 12;
+    while (read(link, &out.byte, 1) > 0) {
     }
     return 0;
   }
 
   bool ReceiveSocket() {
-    char byte = 0;
-    iovec data = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    if (recvmsg(link_.get(), &message, MSG_CMSG_CLOEXEC) != 1) {
+    FdMessage in;
+    if (recvmsg(link_.get(), &in.message, MSG_CMSG_CLOEXEC) != 1) {
       int status = 0;
       waitpid(helper_, &status, 0);
       helper_ = -1;
       ADD_FAILURE() << "the helper bound no socket (exit status " << WEXITSTATUS(status) << ")";
       return false;
     }
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    const cmsghdr* header = CMSG_FIRSTHDR(&in.message);
     if (header == nullptr || header->cmsg_type != SCM_RIGHTS) {
       ADD_FAILURE() << "no descriptor from the helper";
       return false;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -24,6 +25,13 @@ inline pid_t RunChild(const std::function<void()>& body = {}) {
   EXPECT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   return pid;
+}
+
+// This process's name as /proc/self/comm gives it.
+inline std::string OwnComm() {
+  std::string comm;
+  android::base::ReadFileToString("/proc/self/comm", &comm);
+  return android::base::Trim(comm);
 }
 
 // /proc status text of this process's thread called name; "" when none is.

@@ -93,6 +93,19 @@ TEST(ClientJson, DecodesRawAndDerivedRecordsWithNamedFields) {
   EXPECT_EQ(json["delta"], 4096 + 8192);
   EXPECT_EQ(Facts(rss).rssDelta, 4096u + 8192u);
 
+  kelo_events_lost_client_event lost{};
+  lost.type = KELO_CLIENT_EVENT_EVENTS_LOST;
+  lost.lost_type = KELO_EVENT_FD_UPDATE;
+  lost.site = KELO_LOSS_SITE_QUEUE;
+  lost.count = 5001;
+  lost.first_ts = 1;
+  lost.last_ts = 1ULL << 40;
+  EXPECT_EQ(JsonLine(ToJson(lost)),
+            R"({"record":"event","type":50005,"name":"lost","lost_type":6,"site":"queue","count":5001,)"
+            R"("first_ts":1,"last_ts":1099511627776})");
+  lost.site = 7;
+  EXPECT_EQ(ToJson(lost)["site"], 7);
+
   kelo_rss_stat_event stat{};
   stat.header.type = KELO_EVENT_RSS_STAT;
   stat.member = 9;  // unknown members are kept as numbers

@@ -2,8 +2,11 @@
 // the service's own writers produce, and of /proc/net/unix.
 #include <android-base/file.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -164,6 +167,48 @@ TEST(ClientFiles, ReadsTheServicesStateFileAndKeepsLinesAfterTheWindow) {
   EXPECT_EQ(recent.recentSeconds, 2);
   EXPECT_EQ(recent.recentEvents(), 9);
   EXPECT_EQ(recent.recentTotals[2], 0);
+
+  // The service's clock jumps by the boot time once that is known: the
+  // window then holds seconds from before the start, and only the age of the
+  // service tells whether any of its own seconds have left it.
+  now += 1700000000;
+  state.RecordEvent(2, 1);
+  state.DumpState();
+  ASSERT_TRUE(android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &text));
+  ASSERT_TRUE(ParseStateFile(text, &file, &problem)) << problem;
+  ASSERT_NE(file.firstIndex, 0);
+  const StateSummary young = SummarizeState(file, 10, 7);
+  EXPECT_TRUE(young.sinceStart);
+  EXPECT_EQ(young.windowSeconds, 7);
+  EXPECT_EQ(young.windowEvents(), 1);
+  EXPECT_FALSE(SummarizeState(file, 10, 1801).sinceStart);
+  EXPECT_FALSE(SummarizeState(file).sinceStart);
+}
+
+TEST(ClientFiles, ServiceAgeComesFromTheProcessStartAfterBoot) {
+  // starttime (field 22) of 250 ticks at 100 per second, 12.01 s after boot;
+  // the name may hold blanks and parentheses.
+  const std::string stat = "42 (a) b) S 1 42 42 0 -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 250 1000 10";
+  EXPECT_EQ(ServiceAgeSeconds(stat, "12.01 40.00\n", 100), 10);
+  EXPECT_EQ(ServiceAgeSeconds(stat, "2.00 1.00\n", 100), 0);
+  EXPECT_FALSE(ServiceAgeSeconds("42 (a) S 1 2", "12.0 1.0", 100));
+  EXPECT_FALSE(ServiceAgeSeconds(stat, "", 100));
+
+  // A child, as another process's figures are the kernel's also under
+  // user-mode emulation.
+  const pid_t child = fork();
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  std::string childStat, uptime;
+  EXPECT_TRUE(android::base::ReadFileToString("/proc/" + std::to_string(child) + "/stat", &childStat));
+  EXPECT_TRUE(android::base::ReadFileToString("/proc/uptime", &uptime));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  const std::optional<int64_t> age = ServiceAgeSeconds(childStat, uptime, sysconf(_SC_CLK_TCK));
+  ASSERT_TRUE(age);
+  EXPECT_LE(*age, 60) << "the child started moments ago";
 }
 
 TEST(ClientFiles, RefusesMalformedStateFilesAndToleratesAShortOne) {

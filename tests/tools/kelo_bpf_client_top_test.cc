@@ -10,12 +10,15 @@
 #include <string>
 
 #include "bpf/kelo_bpf_events.h"
+#include "tests/support/ipc_client.h"
 #include "tools/kelo_bpf_client_feed.h"
 #include "tools/kelo_bpf_client_top_table.h"
 
 namespace {
 
 using namespace Kelo::Bpf;
+using kelo_test::Frame;
+using kelo_test::U32;
 
 template <typename Record>
 void Apply(TopTable* table, const Record& record) {
@@ -135,13 +138,6 @@ TEST(ClientTop, RendersHeaderAndRowsCutToTheTerminal) {
   EXPECT_NE(wide.find(" caf\xc3\xa9\n"), std::string::npos) << wide;
 }
 
-std::string U32(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof(value)); }
-
-std::string Frame(uint32_t type, const std::string& payload) {
-  return U32(static_cast<uint32_t>(payload.size()) + 8) + U32(type) + U32(static_cast<uint32_t>(payload.size())) +
-         payload;
-}
-
 // The feed over a socket pair, the test playing the service.
 TEST(ClientFeed, SubscribesThenHandsOverWholeEventsHoweverTheBytesArrive) {
   int pair[2];
@@ -162,8 +158,8 @@ TEST(ClientFeed, SubscribesThenHandsOverWholeEventsHoweverTheBytesArrive) {
   // The two requests: code 51, request ids 0 and 1, the types.
   char requests[2 * 28];
   ASSERT_EQ(read(service.get(), requests, sizeof(requests)), static_cast<ssize_t>(sizeof(requests)));
-  EXPECT_EQ(std::string(requests, 28), Frame(0, U32(0) + U32(51) + U32(4) + U32(50001)));
-  EXPECT_EQ(std::string(requests + 28, 28), Frame(0, U32(1) + U32(51) + U32(4) + U32(50004)));
+  EXPECT_EQ(std::string(requests, 28), kelo_test::Request(0, 51, 50001));
+  EXPECT_EQ(std::string(requests + 28, 28), kelo_test::Request(1, 51, 50004));
 
   // Frames cut at every byte: each event is handed over once it is whole.
   const std::string stream = Frame(3, std::string(96, 'r')) + Frame(1, U32(7) + U32(0) + U32(0)) + Frame(3, "x");
