@@ -2,6 +2,7 @@
 
 #include <android-base/properties.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -28,6 +29,13 @@ constexpr char DISABLED[] = "1";
 // kernel names, hence its cut.
 constexpr char STARTING_PROCESS_MAIN[] = "main";
 constexpr char STARTING_PROCESS_REINITIALIZED[] = "re-initialized>";
+
+std::chrono::milliseconds ChooseLatencyBudget(int configured) {
+  if (configured >= 0) return std::chrono::milliseconds(std::min(configured, MAX_LATENCY_BUDGET_MS));
+  const int fromProperty =
+      android::base::GetIntProperty(LATENCY_BUDGET_PROPERTY, DEFAULT_LATENCY_BUDGET_MS, 0, MAX_LATENCY_BUDGET_MS);
+  return std::chrono::milliseconds(fromProperty);
+}
 
 }  // namespace
 
@@ -70,7 +78,8 @@ KeloBpfService* KeloBpfService::FindInstance() {
   return instance;
 }
 
-KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(config) {
+KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config)
+    : budget(ChooseLatencyBudget(config.latencyBudgetMs)), config(config) {
   IpcHandlerState handlerState;
   handlerState.compactReadBuffer = true;
   handlerState.closeOnError = true;

@@ -23,8 +23,8 @@
 // Locks (outermost first):
 //  - EventManager::keloRawEventManagerLock: subscriptions and the map of
 //    per-connection queues;
-//  - servicelock: the singleton pointer, start/stop, the ring-buffer
-//    descriptors and every read-modify-write of a status array;
+//  - servicelock: the singleton pointer, start/stop, the rings and every
+//    read-modify-write of a status array;
 //  - mutex: the two producer thread slots.
 // Each queue, the IPC endpoint and the counters lock themselves.
 //
@@ -52,6 +52,7 @@
 #include "helper/kelo_bpf_attach_tables.h"
 #include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_manager.h"
+#include "service/kelo_bpf_event_ring.h"
 #include "service/kelo_bpf_protocol.h"
 #include "service/kelo_bpf_service_loss.h"
 #include "service/kelo_bpf_service_lost_counters.h"
@@ -97,7 +98,18 @@ struct KeloBpfServiceConfig {
   // Called on a pump's thread right before its seeding step, with the ring
   // buffer index; lets tests look at the status array at that moment.
   std::function<void(int ringbufIndex)> beforeSeed;
+  // How long a record may wait in its ring before the pump hands it on, in
+  // milliseconds (see PollTimer); 0 wakes the pump for every record.
+  // Negative: the property "persist.sys.stability.bpfframework.latency_budget_ms",
+  // or 10 when it is unset or not a number from 0 to 1000.
+  int latencyBudgetMs = -1;
 };
+
+// The property that sets the delivery-latency budget, its default and its
+// largest value.
+inline constexpr char LATENCY_BUDGET_PROPERTY[] = "persist.sys.stability.bpfframework.latency_budget_ms";
+inline constexpr int DEFAULT_LATENCY_BUDGET_MS = 10;
+inline constexpr int MAX_LATENCY_BUDGET_MS = 1000;
 
 // Name and parent of one process, read from its status file.
 struct UpdateProcessExdata {
@@ -248,6 +260,9 @@ class KeloBpfService {
   // connection.
   int onEventProvideReqCallBack(int fd, char* payload, unsigned int size);
 
+  // The delivery-latency budget the pumps keep, fixed by the constructor.
+  std::chrono::milliseconds latencyBudget() const { return budget; }
+
   // Loss accounting (the state file's loss lines read it; tests too).
   LossLedger& lossLedger() { return losses; }
   // Connections closed because they sent a damaged frame or request.
@@ -333,7 +348,6 @@ class KeloBpfService {
   // fd's queue, made (with its trim listener) when it has none.
   IpcPackageManager& queueForLocked(int fd) REQUIRES(EventManager::keloRawEventManagerLock);
   int dispatchRecord(char* data, size_t size);
-  int statusMapFd(int index) REQUIRES(servicelock);
   // Sets (enable) or clears `flag` in status entry 0 of ring `index`; true
   // when the update succeeded.
   bool updateStatusFlag(int index, uint64_t flag, bool enable) EXCLUDES(servicelock);
@@ -345,11 +359,10 @@ class KeloBpfService {
   // Wall-clock second of the last status check, per ring buffer; each
   // pump's watchdog is the only writer of its entry.
   std::atomic<int64_t> lastStatusCheckTime[RINGBUF_COUNT] = {};
-  // Pinned ring buffers and their status arrays, opened by the pumps.
-  android::base::unique_fd ringbufMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd gplRingbufMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd ringbufStatusMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd gplRingbufStatusMapFd GUARDED_BY(servicelock);
+  // The pinned ring buffers with their status arrays and consumers, by ring
+  // index; each made by its pump and kept until the process ends.
+  std::unique_ptr<EventRing> rings[RINGBUF_COUNT] GUARDED_BY(servicelock);
+  const std::chrono::milliseconds budget;
   // Scratch state of initDmabufBpfProg, which alone (on "BpfServicePGpl")
   // touches them.
   std::map<uint64_t, dmabuf_allocate_info> dmabufInodeStats;
@@ -384,8 +397,8 @@ class KeloBpfService {
   std::unique_ptr<LossReporter> lossReporter;
   std::atomic<uint64_t> badFrames{0};
 
-  // Guards `instance`, start/stop, the ring-buffer descriptors and every
-  // read-modify-write of a status array. Never held while polling.
+  // Guards `instance`, start/stop, the rings and every read-modify-write of
+  // a status array. Never held while polling.
   static Mutex servicelock;
   static KeloBpfService* instance GUARDED_BY(servicelock);
 };
