@@ -136,7 +136,12 @@ Rings* TheRings() {
     made->bare = BenchRing::Create(std::string(BENCH_BPF_DIR) + BARE_RING, RING_BYTES);
     const bool complete = made->service && made->serviceStatus.get() >= 0 && made->gpl && made->gplStatus.get() >= 0 &&
                           made->reference && made->bare;
-    return complete ? made.release() : nullptr;
+    if (!complete) return nullptr;
+    // The service's records are submitted as its kernel programs submit
+    // them; the reference's with the ring's own wake-up rule.
+    made->service->FollowWakeMode(made->serviceStatus.get());
+    made->gpl->FollowWakeMode(made->gplStatus.get());
+    return made.release();
   }();
   return rings;
 }

@@ -71,7 +71,7 @@ bool EventRing::SetStatus(uint32_t key, uint64_t value) {
 }
 
 PollTimer::PollTimer(std::chrono::milliseconds budget)
-    : timed_(budget.count() > 0), period_(std::max(std::chrono::milliseconds(1), budget * 3 / 4)) {}
+    : timed_(budget.count() > 0), period_(std::max(std::chrono::milliseconds(1), budget / 2)) {}
 
 int PollTimer::TimeoutMs(Clock::time_point now, bool pending) const {
   if (phase_ == Phase::IDLE) return pending ? 1 : -1;

@@ -91,8 +91,8 @@ class EventRing {
 // so on while records keep coming. A timed poll that finds nothing asks for
 // wake-ups again and polls once more a period later before it waits without
 // a time-out, so that a record submitted while the mode changed is not left
-// in the ring. The period is three quarters of the budget (at least 1 ms),
-// leaving the rest for the way to the client. Used by one pump thread.
+// in the ring. The period is half the budget (at least 1 ms), leaving the
+// rest for the way to the client on a busy machine. Used by one pump thread.
 class PollTimer {
  public:
   using Clock = std::chrono::steady_clock;

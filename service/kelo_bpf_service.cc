@@ -118,8 +118,7 @@ KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config)
   EventManager* registry = EventManager::GetInstance();
   lossReporter = std::make_unique<LossReporter>(&losses, &kernelLostCounters, registry);
   KeloBpfDataState::GetInstance()->SetSupplement([this] { return stateSupplement(); });
-  MutexLock lock(EventManager::keloRawEventManagerLock);
-  registry->setClientQueues(&clientPackageManagers);
+  registry->SetSenderWaker([this](const std::vector<int>& fds) { return notifyClientEventReady(fds); });
 }
 
 std::string KeloBpfService::pinnedPath(const char* designedPath) const {
@@ -205,17 +204,13 @@ void KeloBpfService::startLossReporter() {
   });
 }
 
-IpcPackageManager& KeloBpfService::queueForLocked(int fd) {
-  auto [entry, made] = clientPackageManagers.try_emplace(fd);
-  if (made) {
-    // Runs on the appending thread, which holds the registry's lock: the
-    // connection cannot close meanwhile.
-    entry->second.setTrimListener([this, fd](const std::deque<KeloIpcPackage>& removed) {
-      losses.QueueTrimmed(fd, removed, MonotonicNowNs());
-      lossReporter->NoteQueueLoss();
-    });
-  }
-  return entry->second;
+IpcPackageManager* KeloBpfService::openClientQueue(int fd) {
+  // The listener runs on the appending thread, which holds the registry's
+  // lock: the connection cannot close meanwhile.
+  return EventManager::GetInstance()->OpenConnection(fd, [this, fd](const std::deque<KeloIpcPackage>& removed) {
+    losses.QueueTrimmed(fd, removed, MonotonicNowNs());
+    lossReporter->NoteQueueLoss();
+  });
 }
 
 std::string KeloBpfService::stateSupplement() {

@@ -21,8 +21,8 @@
 // and handed to the handler of its type.
 //
 // Locks (outermost first):
-//  - EventManager::keloRawEventManagerLock: subscriptions and the map of
-//    per-connection queues;
+//  - EventManager::keloRawEventManagerLock: subscriptions and the
+//    per-connection queues, all owned by the registry;
 //  - servicelock: the singleton pointer, start/stop, the rings and every
 //    read-modify-write of a status array;
 //  - mutex: the two producer thread slots.
@@ -226,7 +226,7 @@ class KeloBpfService {
 
   // Asks the endpoint to write to each connection, in order; the
   // connections that could not be asked (their descriptor is no longer
-  // watched, or epoll refused).
+  // watched, or epoll refused). The registry's sender waker.
   std::vector<int> notifyClientEventReady(const std::vector<int>& fds);
 
   // Ring-buffer callback: counts the record, refuses a type above 7 (-1),
@@ -345,8 +345,9 @@ class KeloBpfService {
   void startLossReporter();
   // The loss lines of the state file.
   std::string stateSupplement();
-  // fd's queue, made (with its trim listener) when it has none.
-  IpcPackageManager& queueForLocked(int fd) REQUIRES(EventManager::keloRawEventManagerLock);
+  // fd's queue in the registry, made (with its trim listener) when it has
+  // none. IPC thread only.
+  IpcPackageManager* openClientQueue(int fd);
   int dispatchRecord(char* data, size_t size);
   // Sets (enable) or clears `flag` in status entry 0 of ring `index`; true
   // when the update succeeded.
@@ -381,9 +382,6 @@ class KeloBpfService {
   std::unique_ptr<IpcPackageManager> packageManager;
   // Dispatches incoming client packages by type; IPC thread only.
   std::unique_ptr<IpcPackageHandler> packageHandler;
-  // One outgoing queue per connected client. Changed only on the IPC thread;
-  // producers reach it through EventManager::AppendEvent.
-  ClientPackageManagers clientPackageManagers GUARDED_BY(EventManager::keloRawEventManagerLock);
   // Pinned dma-buf tracking maps, opened by initBpfMap.
   android::base::unique_fd processInodeMapFd;
   android::base::unique_fd processMmapInfosMapFd;
