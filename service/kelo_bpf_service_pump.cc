@@ -99,7 +99,8 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
     const PollTimer::Clock::time_point woke = PollTimer::Clock::now();
     const int result = waited < 0 ? waited : ring->Consume();
     if (result >= 0) {
-      tally.Add(KELO_EVENT_POLL_COUNT);
+      // A timed poll that found nothing is no poll of the kernel's making.
+      if (waited > 0 || result > 0) tally.Add(KELO_EVENT_POLL_COUNT);
       if (timer.Drained(result, woke) && !ring->SetWakeMode(timer.Mode())) {
         KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: set wake mode failed: %s", pump.method,
                   strerror(errno));
