@@ -16,13 +16,16 @@
 # record and in percent of one processor, and its context switches per record.
 #
 # Runs in private mount and network namespaces as scripts/run_live.sh does
-# (own bpffs and tracefs, build/live-bench/data over /data); the machine's
-# /data, /sys/fs/bpf and any running service are not touched. Logs:
-# build/live-bench/daemon-<budget>-<rate>.log and client-<budget>-<rate>.log.
+# (own bpffs and tracefs, <build dir>/data over /data); the machine's /data,
+# /sys/fs/bpf and any running service are not touched. The daemon and the
+# client are built in KELO_LIVE_BENCH_BUILD_DIR (default build/live-bench;
+# any optimised build without sanitizers will do, e.g. build/test-plain).
+# Logs: <build dir>/daemon-<budget>-<rate>.log and client-<budget>-<rate>.log.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-out="$root/build/live-bench"
+out=$(cd "$root" && mkdir -p "${KELO_LIVE_BENCH_BUILD_DIR:-build/live-bench}" &&
+  cd "${KELO_LIVE_BENCH_BUILD_DIR:-build/live-bench}" && pwd)
 seconds=60
 rates="1000 10000 100000"
 budgets="10 0"
@@ -42,13 +45,16 @@ if [ "${KELO_LIVE_INSIDE:-}" != "1" ]; then
     exit 1
   fi
   cd "$root"
-  cmake -S . -B "$out" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELO_SANITIZER= \
-    -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_FUZZ=OFF >/dev/null
+  # An existing build keeps its configuration.
+  if [ ! -f "$out/CMakeCache.txt" ]; then
+    cmake -S . -B "$out" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELO_SANITIZER= \
+      -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_FUZZ=OFF >/dev/null
+  fi
   cmake --build "$out" -j2 --target kelobpfd kelobpf-client >/dev/null
   [ -d /data ] || mkdir -p /data
   exec unshare --mount --net --propagation private \
-    env KELO_LIVE_INSIDE=1 bash "$0" --seconds "$seconds" --rates "$rates" --budgets "$budgets"
+    env KELO_LIVE_INSIDE=1 KELO_LIVE_BENCH_BUILD_DIR="$out" bash "$0" --seconds "$seconds" --rates "$rates" --budgets "$budgets"
 fi
 
 daemon="$out/tools/kelobpfd"
@@ -147,8 +153,9 @@ for budget in $budgets; do
     records=${records:-0}
     awk -v b="$budget" -v r="$rate" -v n="$records" -v s="$seconds" -v c=$((cpu1 - cpu0)) -v t="$ticks" \
       -v w=$((sw1 - sw0)) 'BEGIN {
-        window = r * s;  # records expected inside the measured window
-        printf "%-8s %-8s %-10s %-10.0f %-14.2f %-10.2f %.3f\n", b, r, n, n / (s + 5),
+        rate = n / (s + 5);  # the client ran s + 5 seconds
+        window = rate * s;   # records inside the measured window
+        printf "%-8s %-8s %-10s %-10.0f %-14.2f %-10.2f %.3f\n", b, r, n, rate,
                c / t * 1e6 / window, c / t / s * 100, w / window
       }'
   done

@@ -118,8 +118,7 @@ class EventManager {
   // Makes connection fd's queue, with `onTrim` as its trim listener; a
   // connection that has one keeps it. The queue lives until CloseConnection
   // of fd, which only the caller's thread (the IPC thread) may call.
-  IpcPackageManager* OpenConnection(int fd, IpcPackageManager::TrimListener onTrim)
-      EXCLUDES(keloRawEventManagerLock);
+  IpcPackageManager* OpenConnection(int fd, IpcPackageManager::TrimListener onTrim) EXCLUDES(keloRawEventManagerLock);
   // fd's queue, or null when it has none. Valid as long as OpenConnection's.
   IpcPackageManager* QueueOf(int fd) EXCLUDES(keloRawEventManagerLock);
   // Drops fd's subscriptions, its pacing and its queue (its connection

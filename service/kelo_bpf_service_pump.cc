@@ -173,7 +173,6 @@ int KeloBpfService::handleBpfPassthrough(char* data, long long size) {
   return 0;
 }
 
-
 bool KeloBpfService::checkBpfRingBuffStatus(int index, bool force) {
   if (index < 0 || index >= RINGBUF_COUNT) return false;
   const int64_t now = static_cast<int64_t>(time(nullptr));

@@ -179,9 +179,8 @@ class BudgetTest : public ::testing::Test {
     service->start();
     ASSERT_TRUE(client.Connect());
     ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
-    ASSERT_TRUE(WaitUntil([&] {
-      return rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL);
-    }));
+    ASSERT_TRUE(WaitUntil(
+        [&] { return rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL); }));
   }
   uint64_t Mode() { return rings->normalStatus->Get(KELO_RB_STATUS_WAKE_MODE); }
   // Injects one record and returns how long it took to reach the client.
