@@ -31,6 +31,8 @@ constexpr int RESPONSE_TIMEOUT_MS = 10000;
 constexpr size_t READ_BUFFER_BYTES = 256 * 1024;
 constexpr size_t SECOND_HEADER_BYTES = sizeof(KeloIpcSecondLevelPackageHeader);
 constexpr size_t REQUEST_HEADER_BYTES = sizeof(KeloReqIpcPackageHeader);
+// Where a record carries its kernel time stamp.
+constexpr size_t RECORD_TS_OFFSET = 8;
 
 template <typename T>
 void Append(std::string* out, const T& value) {
@@ -148,6 +150,13 @@ void CountingClient::Expect(uint64_t total) {
   if (received_ >= total) completedAt_ = NowNs();
 }
 
+std::vector<int64_t> CountingClient::TakeLatencies() {
+  std::lock_guard<std::mutex> lock(latencyLock_);
+  std::vector<int64_t> taken;
+  taken.swap(latencies_);
+  return taken;
+}
+
 void CountingClient::countEvents(uint64_t events) {
   const int64_t now = NowNs();
   const uint64_t total = received_.fetch_add(events) + events;
@@ -164,6 +173,10 @@ void CountingClient::readLoop(uint32_t recordBytes) {
     // rest at the start of the buffer.
     size_t at = 0;
     uint64_t events = 0;
+    const bool sampling = sampling_.load(std::memory_order_relaxed);
+    const int64_t arrived = sampling ? NowNs() : 0;
+    thread_local std::vector<int64_t> latencies;
+    latencies.clear();
     while (have - at >= sizeof(uint32_t)) {
       const size_t frameBytes = sizeof(uint32_t) + WordAt(buffer.data() + at);
       if (frameBytes > buffer.size()) {
@@ -178,11 +191,20 @@ void CountingClient::readLoop(uint32_t recordBytes) {
                                 frameBytes == sizeof(uint32_t) + SECOND_HEADER_BYTES + recordBytes;
         if (wellFormed) {
           ++events;
+          if (sampling && recordBytes >= RECORD_TS_OFFSET + sizeof(int64_t)) {
+            int64_t stamped = 0;
+            memcpy(&stamped, package + SECOND_HEADER_BYTES + RECORD_TS_OFFSET, sizeof(stamped));
+            latencies.push_back(arrived - stamped);
+          }
         } else {
           ++malformed_;
         }
       }
       at += frameBytes;
+    }
+    if (!latencies.empty()) {
+      std::lock_guard<std::mutex> lock(latencyLock_);
+      latencies_.insert(latencies_.end(), latencies.begin(), latencies.end());
     }
     if (events != 0) countEvents(events);
     memmove(buffer.data(), buffer.data() + at, have - at);

@@ -17,8 +17,10 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace kelo_bench {
 
@@ -63,6 +65,14 @@ class CountingClient {
   // When the last event arrived; 0 before the first.
   int64_t lastEventAtNs() const { return lastEventAt_.load(); }
 
+  // From now on, every event's delivery latency is noted: its arrival time
+  // less the time stamp in its record's bytes 8 to 15 (both NowNs's clock,
+  // which is also the kernel's bpf_ktime_get_ns clock). Only while no event
+  // is on its way.
+  void SampleLatency(bool on) { sampling_ = on; }
+  // The latencies noted since the last call, in nanoseconds.
+  std::vector<int64_t> TakeLatencies();
+
  private:
   explicit CountingClient(android::base::unique_fd fd) : fd_(std::move(fd)) {}
   void readLoop(uint32_t recordBytes);
@@ -76,6 +86,9 @@ class CountingClient {
   std::atomic<uint64_t> expected_{UINT64_MAX};
   std::atomic<int64_t> completedAt_{0};
   std::atomic<int64_t> lastEventAt_{0};
+  std::atomic<bool> sampling_{false};
+  std::mutex latencyLock_;
+  std::vector<int64_t> latencies_;
   std::thread reader_;
 };
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace kelo_bench {
@@ -20,6 +21,8 @@ constexpr auto SETTLE = 500ms;
 constexpr auto STALL_LIMIT = 3s;
 constexpr auto WAIT_SLICE = 1ms;
 constexpr int64_t NS_PER_SECOND = 1'000'000'000;
+// Where a record carries its kernel time stamp.
+constexpr size_t RECORD_TS_OFFSET = 8;
 
 // Arms every client for `records` more and returns what each expects.
 std::vector<uint64_t> ExpectMore(const Delivery& delivery, uint64_t records) {
@@ -70,7 +73,7 @@ int64_t MonotonicNs() {
 // Injects `records` at `rate` per second, deadline-driven: a producer that
 // overslept catches up with one larger injection, so the average rate holds.
 // Returns the number of injections, 0 after a failure.
-uint64_t Produce(BenchRing* ring, const std::string& record, uint64_t rate, uint64_t records) {
+uint64_t Produce(BenchRing* ring, std::string record, uint64_t rate, uint64_t records) {
   const int64_t start = MonotonicNs();
   uint64_t injected = 0;
   uint64_t injections = 0;
@@ -78,6 +81,8 @@ uint64_t Produce(BenchRing* ring, const std::string& record, uint64_t rate, uint
     const double elapsed = static_cast<double>(MonotonicNs() - start);
     const uint64_t due = std::min(records, static_cast<uint64_t>(elapsed * rate / NS_PER_SECOND) + 1);
     if (due > injected) {
+      const int64_t stamp = MonotonicNs();
+      if (record.size() >= RECORD_TS_OFFSET + sizeof(stamp)) memcpy(&record[RECORD_TS_OFFSET], &stamp, sizeof(stamp));
       if (!ring->Fill(record, static_cast<uint32_t>(due - injected))) return 0;
       injected = due;
       ++injections;
@@ -88,6 +93,13 @@ uint64_t Produce(BenchRing* ring, const std::string& record, uint64_t rate, uint
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr);
   }
   return injections;
+}
+
+// The value below which `share` of the sorted samples lie; 0 without samples.
+int64_t Percentile(const std::vector<int64_t>& sorted, double share) {
+  if (sorted.empty()) return 0;
+  const size_t at = std::min(sorted.size() - 1, static_cast<size_t>(share * static_cast<double>(sorted.size())));
+  return sorted[at];
 }
 
 void AddUsage(const ThreadUsage& before, const ThreadUsage& after, DeliveryCost* cost) {
@@ -148,6 +160,10 @@ DeliveryCost Paced(Delivery* delivery, const std::string& record, uint64_t rate,
   const ThreadUsage senderBefore = SumThreadUsage(pipeline.senderThread);
   // Sleeps of the producer end on time, not up to 50 us late.
   prctl(PR_SET_TIMERSLACK, 1UL);
+  for (auto& client : delivery->clients) {
+    client->TakeLatencies();
+    client->SampleLatency(true);
+  }
   const int64_t start = NowNs();
   const uint64_t injections = Produce(pipeline.ring, record, rate, records);
   prctl(PR_SET_TIMERSLACK, 0UL);
@@ -158,6 +174,15 @@ DeliveryCost Paced(Delivery* delivery, const std::string& record, uint64_t rate,
   }
   AddUsage(before, SumThreadUsage(pipeline.threadPrefix), &cost);
   cost.senderCpuNs = SumThreadUsage(pipeline.senderThread).cpuNs - senderBefore.cpuNs;
+  std::vector<int64_t> latencies;
+  for (auto& client : delivery->clients) {
+    client->SampleLatency(false);
+    const std::vector<int64_t> taken = client->TakeLatencies();
+    latencies.insert(latencies.end(), taken.begin(), taken.end());
+  }
+  std::sort(latencies.begin(), latencies.end());
+  cost.latencyP50Ns = Percentile(latencies, 0.5);
+  cost.latencyP99Ns = Percentile(latencies, 0.99);
   return cost;
 }
 

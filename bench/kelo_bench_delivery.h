@@ -51,6 +51,10 @@ struct DeliveryCost {
   uint64_t switches = 0;
   // The share of cpuNs of the sender thread (measured by Paced only).
   uint64_t senderCpuNs = 0;
+  // Median and 99th percentile of the delivery latency over every client's
+  // records, from the record's time stamp to its arrival (Paced only).
+  int64_t latencyP50Ns = 0;
+  int64_t latencyP99Ns = 0;
   bool failed = false;
 };
 
@@ -59,8 +63,10 @@ struct DeliveryCost {
 // release on.
 DeliveryCost Drain(Delivery* delivery, const std::string& record, uint32_t records, uint32_t burst);
 
-// Delivers `records` copies of `record` injected at `rate` per second;
-// `burst` receives the mean records per injection (1 when the pace held).
+// Delivers `records` copies of `record` injected at `rate` per second, each
+// injection's records stamped with its time (record bytes 8 to 15, as the
+// kernel's programs stamp theirs); `burst` receives the mean records per
+// injection (1 when the pace held).
 DeliveryCost Paced(Delivery* delivery, const std::string& record, uint64_t rate, uint64_t records, double* burst);
 
 }  // namespace kelo_bench

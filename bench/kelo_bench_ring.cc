@@ -112,6 +112,8 @@ bool BenchRing::loadInjector() {
   bpf_program* prog = bpf_object__find_program_by_name(object, "kelo_inject");
   // The program writes into this ring, not into a map of its own.
   int err = ring != nullptr && prog != nullptr ? bpf_map__reuse_fd(ring, map_.get()) : -ENOENT;
+  bpf_map* status = bpf_object__find_map_by_name(object, "inject_status");
+  if (err == 0 && statusFd_ >= 0) err = status != nullptr ? bpf_map__reuse_fd(status, statusFd_) : -ENOENT;
   if (err == 0) err = bpf_object__load(object);
   if (err != 0) {
     fprintf(stderr, "loading %s: %s\n", KELO_BPF_INJECT_OBJ, strerror(-err));

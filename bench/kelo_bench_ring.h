@@ -40,6 +40,13 @@ class BenchRing {
   // only grows while they are written, so the last one fitting means all did.
   bool Fill(const std::string& record, uint32_t count);
 
+  // From the first Fill on, records are submitted with the wake-up that the
+  // status array at statusFd asks for (entry KELO_RB_STATUS_WAKE_MODE), as
+  // the kernel programs submit theirs; without it, with the ring's own rule
+  // (wake the consumer when it has read everything before the record). The
+  // descriptor must outlive the ring.
+  void FollowWakeMode(int statusFd) { statusFd_ = statusFd; }
+
   // Bytes written but not yet consumed, read from the ring's position pages.
   uint64_t Unconsumed() const;
 
@@ -59,6 +66,7 @@ class BenchRing {
   const void* producerPage_ = nullptr;
   bpf_object* injector_ = nullptr;  // loaded on the first Fill
   int injectorProg_ = -1;           // owned by injector_
+  int statusFd_ = -1;
 };
 
 // A ring-buffer status array (five u64 entries) pinned at `path`; an empty

@@ -84,8 +84,25 @@ enum kelo_ringbuf_status_key {
   KELO_RB_STATUS_RING_SIZE = 2,
   KELO_RB_STATUS_CONS_POS = 3,
   KELO_RB_STATUS_PROD_POS = 4,
-  KELO_RB_STATUS_ENTRIES = 5
+  /* How the consumer wants to be woken (enum kelo_ringbuf_wake_mode).
+   * Written by the service, read by every submit. */
+  KELO_RB_STATUS_WAKE_MODE = 5,
+  KELO_RB_STATUS_ENTRIES = 6
 };
+
+enum kelo_ringbuf_wake_mode {
+  /* The consumer waits for records without a time-out: a record wakes it
+   * when the consumer has read everything before it (the ring buffer's own
+   * rule). The value of a status array nobody has written. */
+  KELO_RB_WAKE_EACH = 0,
+  /* The consumer polls on a timer within its latency budget: records are
+   * submitted without a wake-up, except that each one submitted while the
+   * unread bytes reach 1 / KELO_RB_WAKE_WATERMARK_DIVISOR of the ring forces
+   * one, so that a burst is drained before the ring fills. */
+  KELO_RB_WAKE_TIMED = 1
+};
+
+#define KELO_RB_WAKE_WATERMARK_DIVISOR 4
 
 enum kelo_ringbuf_status_flag {
   /* A record was lost because the ring buffer was full. Set by the kernel,

@@ -84,7 +84,7 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate *ctx)
   event->dst_id = ctx->dst_id;
   bpf_probe_read_kernel_str(event->comm, sizeof(event->comm), (void *)ctx + (comm_loc & 0xffff));
   bpf_probe_read_kernel_str(event->path, sizeof(event->path), (void *)ctx + (path_loc & 0xffff));
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return 0;
 }
 
@@ -148,7 +148,7 @@ static __always_inline void emit_size(__s32 pid)
   event->pid = pid;
   event->allocated_size = stat_size(&dmabuf_size_map, pid);
   event->referenced_size = stat_size(&dmabuf_perprocess_size_map, pid);
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
 }
 
 static __always_inline void emit_update(__u32 op, __u64 inode, __s64 size, __s32 owner)
@@ -166,7 +166,7 @@ static __always_inline void emit_update(__u32 op, __u64 inode, __s64 size, __s32
   event->size = size;
   event->owner_pid = owner;
   bpf_get_current_comm(event->comm, sizeof(event->comm));
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
 }
 
 static __always_inline __s32 owner_of(__u64 inode)

@@ -5,6 +5,9 @@
  * the test fixture points inject_ringbuf at the ring buffer under test
  * before loading. Input frame: __u32 record length, the record, then any
  * padding (a test run needs at least an Ethernet header's worth of bytes).
+ * The record is submitted with the wake-up a kernel program would use for
+ * the state in inject_status, which the fixture may point at the ring
+ * buffer's status array (left alone, it asks for the ring's own rule).
  *
  * Result: XDP_PASS when the record was written, XDP_DROP when the ring
  * buffer had no room, XDP_ABORTED for a malformed frame.
@@ -14,6 +17,7 @@
 #include <bpf/bpf_helpers.h>
 
 #include "bpf/kelo_bpf_inject.h"
+#include "bpf/kelo_bpf_wakeup.bpf.h"
 
 char LICENSE[] SEC("license") = "GPL";
 
@@ -21,6 +25,13 @@ struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
   __uint(max_entries, 4096);
 } inject_ringbuf SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, KELO_RB_STATUS_ENTRIES);
+  __type(key, __u32);
+  __type(value, __u64);
+} inject_status SEC(".maps");
 
 struct inject_buffer {
   char bytes[KELO_INJECT_MAX_BYTES];
@@ -42,6 +53,7 @@ int kelo_inject(struct xdp_md *ctx)
   struct inject_buffer *buffer = bpf_map_lookup_elem(&inject_scratch, &key);
   __u32 frame_len;
   __u32 len;
+  __u64 flags;
 
   if (!buffer || bpf_xdp_load_bytes(ctx, 0, &frame_len, sizeof(frame_len)))
     return XDP_ABORTED;
@@ -52,5 +64,6 @@ int kelo_inject(struct xdp_md *ctx)
     return XDP_ABORTED;
   if (bpf_xdp_load_bytes(ctx, sizeof(frame_len), buffer->bytes, len))
     return XDP_ABORTED;
-  return bpf_ringbuf_output(&inject_ringbuf, buffer->bytes, len, 0) ? XDP_DROP : XDP_PASS;
+  flags = kelo_wake_flags(&inject_ringbuf, &inject_status);
+  return bpf_ringbuf_output(&inject_ringbuf, buffer->bytes, len, flags) ? XDP_DROP : XDP_PASS;
 }

@@ -57,6 +57,6 @@ int kelo_loss_emit(struct xdp_md *ctx)
   } else {
     event->open_count = seq;
   }
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return XDP_PASS;
 }

@@ -121,7 +121,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
   }
   event->uid = (__u32)bpf_get_current_uid_gid();
   bpf_get_current_comm(event->comm, sizeof(event->comm));
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return 0;
 }
 
@@ -155,7 +155,7 @@ int sched_sched_process_exit(struct trace_event_raw_sched_process_exit *ctx)
   event->pid = tgid;
   bpf_core_read_str(event->comm, sizeof(event->comm), &leader->comm);
   event->kind = group_dead ? KELO_TASK_KIND_PROCESS : KELO_TASK_KIND_THREAD;
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return 0;
 }
 
@@ -214,7 +214,7 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
   event->pid = info->pid;
   event->member = member;
   event->size = size;
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return 0;
 }
 
@@ -257,6 +257,6 @@ int BPF_KPROBE(enter_fd_install, unsigned int fd)
   event->fd = fd;
   event->open_count = count;
   bpf_get_current_comm(event->comm, sizeof(event->comm));
-  bpf_ringbuf_submit(event, 0);
+  kelo_submit(event);
   return 0;
 }

@@ -10,12 +10,15 @@
  *  - a record that does not fit sets KELO_RB_FLAG_FULL and refreshes status
  *    entries 1-4 from the ring buffer, so the service can log how full it was;
  *  - and it is counted under its type in ringbuf_lost, so the service can
- *    tell how many records of each type were lost.
+ *    tell how many records of each type were lost;
+ *  - a record is submitted with kelo_submit, which wakes the consumer as its
+ *    status entry KELO_RB_STATUS_WAKE_MODE asks.
  */
 #ifndef KELO_BPF_RINGBUF_BPF_H_
 #define KELO_BPF_RINGBUF_BPF_H_
 
 #include "bpf/kelo_bpf_events.h"
+#include "bpf/kelo_bpf_wakeup.bpf.h"
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -103,6 +106,9 @@ static __always_inline void *kelo_reserve(__u32 type, __u64 size)
   header->ts = bpf_ktime_get_ns();
   return header;
 }
+
+/* Submits a record reserved by kelo_reserve. */
+#define kelo_submit(record) bpf_ringbuf_submit((record), kelo_wake_flags(&ringbuf_map, &ringbuf_status))
 
 #define KELO_RESERVE(type, record_struct) ((struct record_struct *)kelo_reserve((type), sizeof(struct record_struct)))
 

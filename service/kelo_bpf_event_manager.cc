@@ -7,7 +7,6 @@
 
 #include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_pacing.h"
-#include "service/kelo_bpf_service.h"
 
 namespace Kelo {
 namespace Bpf {
@@ -47,6 +46,10 @@ void EventManager::DelObserverEvent(int fd, int type) {
 
 void EventManager::EraseObserver(int fd) {
   MutexLock lock(keloRawEventManagerLock);
+  EraseObserverLocked(fd);
+}
+
+void EventManager::EraseObserverLocked(int fd) {
   pacedConnections.erase(fd);
   auto entry = observersByFd.find(fd);
   if (entry == observersByFd.end()) return;
@@ -95,12 +98,50 @@ std::vector<int> EventManager::LossReportSubscribers(int type) {
   return fds;
 }
 
+ClientConnection* EventManager::ConnectionLocked(int fd) {
+  auto connection = connections.find(fd);
+  return connection == connections.end() ? nullptr : connection->second.get();
+}
+
+IpcPackageManager* EventManager::OpenConnection(int fd, IpcPackageManager::TrimListener onTrim) {
+  MutexLock lock(keloRawEventManagerLock);
+  std::unique_ptr<ClientConnection>& connection = connections[fd];
+  if (!connection) {
+    connection = std::make_unique<ClientConnection>();
+    connection->queue.setTrimListener(std::move(onTrim));
+  }
+  return &connection->queue;
+}
+
+IpcPackageManager* EventManager::QueueOf(int fd) {
+  MutexLock lock(keloRawEventManagerLock);
+  ClientConnection* connection = ConnectionLocked(fd);
+  return connection == nullptr ? nullptr : &connection->queue;
+}
+
+void EventManager::CloseConnection(int fd) {
+  std::unique_ptr<ClientConnection> closed;
+  {
+    MutexLock lock(keloRawEventManagerLock);
+    EraseObserverLocked(fd);
+    auto connection = connections.find(fd);
+    if (connection == connections.end()) return;
+    closed = std::move(connection->second);
+    connections.erase(connection);
+  }
+  // Freed outside the lock: no producer can reach it any more.
+}
+
+void EventManager::SetSenderWaker(SenderWaker waker) {
+  MutexLock lock(keloRawEventManagerLock);
+  senderWaker = std::move(waker);
+}
+
 bool EventManager::SendTo(int fd, const char* data, unsigned int size, bool front) {
   MutexLock lock(keloRawEventManagerLock);
-  if (clientQueues == nullptr) return false;
-  auto queue = clientQueues->find(fd);
-  if (queue == clientQueues->end()) return false;
-  IpcPackageManager& packages = queue->second;
+  ClientConnection* connection = ConnectionLocked(fd);
+  if (connection == nullptr) return false;
+  IpcPackageManager& packages = connection->queue;
   if (front) {
     packages.buildAndPushFrontSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
   } else {
@@ -112,9 +153,8 @@ bool EventManager::SendTo(int fd, const char* data, unsigned int size, bool fron
 
 size_t EventManager::QueueDepth(int fd) {
   MutexLock lock(keloRawEventManagerLock);
-  if (clientQueues == nullptr) return 0;
-  auto queue = clientQueues->find(fd);
-  return queue == clientQueues->end() ? 0 : queue->second.getIpcPackageCount();
+  ClientConnection* connection = ConnectionLocked(fd);
+  return connection == nullptr ? 0 : connection->queue.getIpcPackageCount();
 }
 
 void EventManager::WaitForSender(int fd) {
@@ -160,13 +200,12 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
     MutexLock lock(keloRawEventManagerLock);
     auto subscribers = observersByType.find(type);
     if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
-    if (clientQueues == nullptr) return 0;
     for (int fd : subscribers->second) {
-      auto queue = clientQueues->find(fd);
-      // A subscriber always has a queue: it is made when the connection is
-      // accepted and erased only after the subscriptions.
-      if (queue == clientQueues->end()) continue;
-      IpcPackageManager& packages = queue->second;
+      // A subscriber that is no connection (the registry was told of the
+      // subscription by someone other than the endpoint) has nowhere to go.
+      ClientConnection* connection = ConnectionLocked(fd);
+      if (connection == nullptr) continue;
+      IpcPackageManager& packages = connection->queue;
       packages.buildAndAppendSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
       if (packages.requestSend()) toWake.push_back(fd);
       const size_t depth = packages.getIpcPackageCount();
@@ -193,35 +232,34 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
 }
 
 void EventManager::NotifySendersLocked(const std::vector<int>& fds) {
-  KeloBpfService* service = KeloBpfService::FindInstance();
-  if (service == nullptr) {
+  if (!senderWaker) {
     for (int fd : fds) CancelSendRequestLocked(fd);
     return;
   }
-  for (int fd : service->notifyClientEventReady(fds)) CancelSendRequestLocked(fd);
+  for (int fd : senderWaker(fds)) CancelSendRequestLocked(fd);
 }
 
 void EventManager::CancelSendRequestLocked(int fd) {
-  if (clientQueues == nullptr) return;
-  auto queue = clientQueues->find(fd);
-  if (queue != clientQueues->end()) queue->second.cancelSendRequest();
+  ClientConnection* connection = ConnectionLocked(fd);
+  if (connection != nullptr) connection->queue.cancelSendRequest();
 }
 
 void EventManager::WakeSenders(const std::vector<int>& fds) {
   thread_local std::vector<int> connected;
   connected.clear();
+  SenderWaker waker;
   {
     MutexLock lock(keloRawEventManagerLock);
-    if (clientQueues == nullptr) return;
     // A connection that closed since its packages were queued has nothing
     // left to send.
     for (int fd : fds) {
-      if (clientQueues->count(fd) != 0) connected.push_back(fd);
+      if (connections.count(fd) != 0) connected.push_back(fd);
     }
+    waker = senderWaker;
   }
   if (connected.empty()) return;
-  KeloBpfService* service = KeloBpfService::FindInstance();
-  const std::vector<int> failed = service != nullptr ? service->notifyClientEventReady(connected) : connected;
+  // Woken outside the lock, so that producers are not held up meanwhile.
+  const std::vector<int> failed = waker ? waker(connected) : connected;
   if (failed.empty()) return;
   MutexLock lock(keloRawEventManagerLock);
   for (int fd : failed) CancelSendRequestLocked(fd);
@@ -249,8 +287,6 @@ void DeferredWakeups::Flush() {
   EventManager::GetInstance()->WakeSenders(fds_);
   fds_.clear();
 }
-
-void EventManager::setClientQueues(ClientPackageManagers* queues) { clientQueues = queues; }
 
 }  // namespace Bpf
 }  // namespace Kelo

@@ -4,15 +4,18 @@
 // service derives) goes through AppendEvent, which queues one level-2 package
 // per subscribed connection and asks the IPC endpoint to send them.
 //
-// Connections are keyed by their socket descriptor, which is also the key of
-// the service's per-connection outgoing queues. The registry reaches those
-// queues through a pointer that the service binds when it is constructed.
+// Connections are keyed by their socket descriptor. The registry owns one
+// ClientConnection per connected client: its outgoing queue (which locks
+// itself). The client endpoint opens and closes them (OpenConnection,
+// CloseConnection) and reaches a queue through QueueOf; the senders are
+// woken through the waker the endpoint's owner binds (SetSenderWaker).
 //
-// Locking: keloRawEventManagerLock guards the registry and the service's map
-// of queues. It is the outer lock: AppendEvent takes the service's lock while
-// holding it, so nothing may take keloRawEventManagerLock while holding the
-// service's lock. A connection's queue is erased only after its subscriptions
-// (both under this lock), so a producer never queues for a vanished queue.
+// Locking: keloRawEventManagerLock guards the registry, its connections and
+// their subscriptions. It is the outer lock: AppendEvent calls the waker
+// (which may take the service's lock) while holding it, so nothing may take
+// keloRawEventManagerLock while holding the service's lock. A connection is
+// erased with its subscriptions under this lock, so a producer never queues
+// for a vanished queue.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -21,7 +24,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -31,8 +36,11 @@
 namespace Kelo {
 namespace Bpf {
 
-// Outgoing queue of every connected client, by socket descriptor.
-using ClientPackageManagers = std::map<int, IpcPackageManager>;
+// What the registry keeps of one connected client.
+struct ClientConnection {
+  // Everything on its way to the client, in order.
+  IpcPackageManager queue;
+};
 
 // Package type under which events travel to clients, the record as payload.
 inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
@@ -100,9 +108,22 @@ class EventManager {
   // collected by a DeferredWakeups).
   void WakeSenders(const std::vector<int>& fds) EXCLUDES(keloRawEventManagerLock);
 
-  // Binds the registry to the queues events are appended to (the service's,
-  // which the caller's lock guards too).
-  void setClientQueues(ClientPackageManagers* queues) REQUIRES(keloRawEventManagerLock);
+  // Asks each connection's sender to write; returns the connections that
+  // could not be asked. Called with keloRawEventManagerLock held.
+  using SenderWaker = std::function<std::vector<int>(const std::vector<int>& fds)>;
+  // Binds the waker of the senders; until then (and when none is bound) no
+  // sender can be woken and every request is asked again by the next append.
+  void SetSenderWaker(SenderWaker waker) EXCLUDES(keloRawEventManagerLock);
+
+  // Makes connection fd's queue, with `onTrim` as its trim listener; a
+  // connection that has one keeps it. The queue lives until CloseConnection
+  // of fd, which only the caller's thread (the IPC thread) may call.
+  IpcPackageManager* OpenConnection(int fd, IpcPackageManager::TrimListener onTrim) EXCLUDES(keloRawEventManagerLock);
+  // fd's queue, or null when it has none. Valid as long as OpenConnection's.
+  IpcPackageManager* QueueOf(int fd) EXCLUDES(keloRawEventManagerLock);
+  // Drops fd's subscriptions, its pacing and its queue (its connection
+  // closed). The IPC thread only.
+  void CloseConnection(int fd) EXCLUDES(keloRawEventManagerLock);
 
   // Guards the registry instance, both subscription maps and the queue map
   // they point into (see the file comment for the lock order).
@@ -118,13 +139,19 @@ class EventManager {
   // Waits, holding no lock, until the sender of fd has drained its queue to
   // PACE_RESUME_DEPTH; marks fd stalled when the sender falls behind.
   void WaitForSender(int fd) EXCLUDES(keloRawEventManagerLock);
-  // Asks the service's endpoint to write to each of fds; a connection that
-  // could not be told is asked again by the next append.
+  // Asks the senders of fds to write; a connection that could not be told
+  // is asked again by the next append.
   void NotifySendersLocked(const std::vector<int>& fds) REQUIRES(keloRawEventManagerLock);
   // The sender of fd could not be woken: its next append asks again.
   void CancelSendRequestLocked(int fd) REQUIRES(keloRawEventManagerLock);
 
-  ClientPackageManagers* clientQueues GUARDED_BY(keloRawEventManagerLock) = nullptr;
+  // fd's connection, or null.
+  ClientConnection* ConnectionLocked(int fd) REQUIRES(keloRawEventManagerLock);
+  // Drops every subscription of fd and its pacing.
+  void EraseObserverLocked(int fd) REQUIRES(keloRawEventManagerLock);
+
+  std::map<int, std::unique_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
+  SenderWaker senderWaker GUARDED_BY(keloRawEventManagerLock);
   // Types each connection subscribed to, in subscription order, no duplicates.
   std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
   // Connections subscribed to each type, in subscription order.

@@ -2,6 +2,7 @@
 
 #include <android-base/properties.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -28,6 +29,13 @@ constexpr char DISABLED[] = "1";
 // kernel names, hence its cut.
 constexpr char STARTING_PROCESS_MAIN[] = "main";
 constexpr char STARTING_PROCESS_REINITIALIZED[] = "re-initialized>";
+
+std::chrono::milliseconds ChooseLatencyBudget(int configured) {
+  if (configured >= 0) return std::chrono::milliseconds(std::min(configured, MAX_LATENCY_BUDGET_MS));
+  const int fromProperty =
+      android::base::GetIntProperty(LATENCY_BUDGET_PROPERTY, DEFAULT_LATENCY_BUDGET_MS, 0, MAX_LATENCY_BUDGET_MS);
+  return std::chrono::milliseconds(fromProperty);
+}
 
 }  // namespace
 
@@ -70,7 +78,8 @@ KeloBpfService* KeloBpfService::FindInstance() {
   return instance;
 }
 
-KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(config) {
+KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config)
+    : budget(ChooseLatencyBudget(config.latencyBudgetMs)), config(config) {
   IpcHandlerState handlerState;
   handlerState.compactReadBuffer = true;
   handlerState.closeOnError = true;
@@ -110,8 +119,7 @@ KeloBpfService::KeloBpfService(const KeloBpfServiceConfig& config) : config(conf
   taskHealer = std::make_unique<TaskHealer>([this] { return healTaskTable(); });
   lossReporter = std::make_unique<LossReporter>(&losses, &kernelLostCounters, registry, taskHealer.get());
   KeloBpfDataState::GetInstance()->SetSupplement([this] { return stateSupplement(); });
-  MutexLock lock(EventManager::keloRawEventManagerLock);
-  registry->setClientQueues(&clientPackageManagers);
+  registry->SetSenderWaker([this](const std::vector<int>& fds) { return notifyClientEventReady(fds); });
 }
 
 std::string KeloBpfService::pinnedPath(const char* designedPath) const {
@@ -197,17 +205,13 @@ void KeloBpfService::startLossReporter() {
   });
 }
 
-IpcPackageManager& KeloBpfService::queueForLocked(int fd) {
-  auto [entry, made] = clientPackageManagers.try_emplace(fd);
-  if (made) {
-    // Runs on the appending thread, which holds the registry's lock: the
-    // connection cannot close meanwhile.
-    entry->second.setTrimListener([this, fd](const std::deque<KeloIpcPackage>& removed) {
-      losses.QueueTrimmed(fd, removed, MonotonicNowNs());
-      lossReporter->NoteQueueLoss();
-    });
-  }
-  return entry->second;
+IpcPackageManager* KeloBpfService::openClientQueue(int fd) {
+  // The listener runs on the appending thread, which holds the registry's
+  // lock: the connection cannot close meanwhile.
+  return EventManager::GetInstance()->OpenConnection(fd, [this, fd](const std::deque<KeloIpcPackage>& removed) {
+    losses.QueueTrimmed(fd, removed, MonotonicNowNs());
+    lossReporter->NoteQueueLoss();
+  });
 }
 
 std::string KeloBpfService::stateSupplement() {

@@ -21,10 +21,10 @@
 // and handed to the handler of its type.
 //
 // Locks (outermost first):
-//  - EventManager::keloRawEventManagerLock: subscriptions and the map of
-//    per-connection queues;
-//  - servicelock: the singleton pointer, start/stop, the ring-buffer
-//    descriptors and every read-modify-write of a status array;
+//  - EventManager::keloRawEventManagerLock: subscriptions and the
+//    per-connection queues, all owned by the registry;
+//  - servicelock: the singleton pointer, start/stop, the rings and every
+//    read-modify-write of a status array;
 //  - mutex: the two producer thread slots.
 // Each queue, the IPC endpoint and the counters lock themselves.
 //
@@ -52,6 +52,7 @@
 #include "helper/kelo_bpf_attach_tables.h"
 #include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_manager.h"
+#include "service/kelo_bpf_event_ring.h"
 #include "service/kelo_bpf_protocol.h"
 #include "service/kelo_bpf_service_heal.h"
 #include "service/kelo_bpf_service_loss.h"
@@ -98,7 +99,18 @@ struct KeloBpfServiceConfig {
   // Called on a pump's thread right before its seeding step, with the ring
   // buffer index; lets tests look at the status array at that moment.
   std::function<void(int ringbufIndex)> beforeSeed;
+  // How long a record may wait in its ring before the pump hands it on, in
+  // milliseconds (see PollTimer); 0 wakes the pump for every record.
+  // Negative: the property "persist.sys.stability.bpfframework.latency_budget_ms",
+  // or 10 when it is unset or not a number from 0 to 1000.
+  int latencyBudgetMs = -1;
 };
+
+// The property that sets the delivery-latency budget, its default and its
+// largest value.
+inline constexpr char LATENCY_BUDGET_PROPERTY[] = "persist.sys.stability.bpfframework.latency_budget_ms";
+inline constexpr int DEFAULT_LATENCY_BUDGET_MS = 10;
+inline constexpr int MAX_LATENCY_BUDGET_MS = 1000;
 
 // Name and parent of one process, read from its status file.
 struct UpdateProcessExdata {
@@ -215,7 +227,7 @@ class KeloBpfService {
 
   // Asks the endpoint to write to each connection, in order; the
   // connections that could not be asked (their descriptor is no longer
-  // watched, or epoll refused).
+  // watched, or epoll refused). The registry's sender waker.
   std::vector<int> notifyClientEventReady(const std::vector<int>& fds);
 
   // Ring-buffer callback: counts the record, refuses a type above 7 (-1),
@@ -248,6 +260,9 @@ class KeloBpfService {
   // logged as a failed check and refused with -1, which closes the
   // connection.
   int onEventProvideReqCallBack(int fd, char* payload, unsigned int size);
+
+  // The delivery-latency budget the pumps keep, fixed by the constructor.
+  std::chrono::milliseconds latencyBudget() const { return budget; }
 
   // Loss accounting (the state file's loss lines read it; tests too).
   LossLedger& lossLedger() { return losses; }
@@ -348,10 +363,10 @@ class KeloBpfService {
                            kelo_task_init_event* record);
   // Feeds a synthesised record through the dispatcher, as a pump would.
   void submitTaskInit(const kelo_task_init_event& record);
-  // fd's queue, made (with its trim listener) when it has none.
-  IpcPackageManager& queueForLocked(int fd) REQUIRES(EventManager::keloRawEventManagerLock);
+  // fd's queue in the registry, made (with its trim listener) when it has
+  // none. IPC thread only.
+  IpcPackageManager* openClientQueue(int fd);
   int dispatchRecord(char* data, size_t size);
-  int statusMapFd(int index) REQUIRES(servicelock);
   // Sets (enable) or clears `flag` in status entry 0 of ring `index`; true
   // when the update succeeded.
   bool updateStatusFlag(int index, uint64_t flag, bool enable) EXCLUDES(servicelock);
@@ -363,11 +378,10 @@ class KeloBpfService {
   // Wall-clock second of the last status check, per ring buffer; each
   // pump's watchdog is the only writer of its entry.
   std::atomic<int64_t> lastStatusCheckTime[RINGBUF_COUNT] = {};
-  // Pinned ring buffers and their status arrays, opened by the pumps.
-  android::base::unique_fd ringbufMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd gplRingbufMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd ringbufStatusMapFd GUARDED_BY(servicelock);
-  android::base::unique_fd gplRingbufStatusMapFd GUARDED_BY(servicelock);
+  // The pinned ring buffers with their status arrays and consumers, by ring
+  // index; each made by its pump and kept until the process ends.
+  std::unique_ptr<EventRing> rings[RINGBUF_COUNT] GUARDED_BY(servicelock);
+  const std::chrono::milliseconds budget;
   // Scratch state of initDmabufBpfProg, which alone (on "BpfServicePGpl")
   // touches them.
   std::map<uint64_t, dmabuf_allocate_info> dmabufInodeStats;
@@ -386,9 +400,6 @@ class KeloBpfService {
   std::unique_ptr<IpcPackageManager> packageManager;
   // Dispatches incoming client packages by type; IPC thread only.
   std::unique_ptr<IpcPackageHandler> packageHandler;
-  // One outgoing queue per connected client. Changed only on the IPC thread;
-  // producers reach it through EventManager::AppendEvent.
-  ClientPackageManagers clientPackageManagers GUARDED_BY(EventManager::keloRawEventManagerLock);
   // Pinned dma-buf tracking maps, opened by initBpfMap.
   android::base::unique_fd processInodeMapFd;
   android::base::unique_fd processMmapInfosMapFd;
@@ -403,8 +414,8 @@ class KeloBpfService {
   std::unique_ptr<LossReporter> lossReporter;
   std::atomic<uint64_t> badFrames{0};
 
-  // Guards `instance`, start/stop, the ring-buffer descriptors and every
-  // read-modify-write of a status array. Never held while polling.
+  // Guards `instance`, start/stop, the rings and every read-modify-write of
+  // a status array. Never held while polling.
   static Mutex servicelock;
   static KeloBpfService* instance GUARDED_BY(servicelock);
 };

@@ -1,7 +1,7 @@
 // The service's side of the client conversation: connection callbacks of the
 // IPC endpoint, request handling and the per-connection outgoing queues. All
-// of it runs on the IPC thread "BpfServiceTr", which is the only thread that
-// changes the map of queues; producers read it through the registry.
+// of it runs on the IPC thread "BpfServiceTr", the only thread that opens
+// and closes the registry's connections.
 #include <android-base/logging.h>
 #include <sys/types.h>
 
@@ -23,19 +23,14 @@ constexpr int32_t RESULT_REFUSED = -1;
 }  // namespace
 
 int KeloBpfService::onClientLibConnection(int fd) {
-  MutexLock lock(EventManager::keloRawEventManagerLock);
-  queueForLocked(fd);
+  openClientQueue(fd);
   return 0;
 }
 
 int KeloBpfService::onClientLibClose(int fd) {
-  // Subscriptions go first, so that no producer queues an event for this
-  // connection once its queue is gone.
-  EventManager::GetInstance()->EraseObserver(fd);
-  {
-    MutexLock lock(EventManager::keloRawEventManagerLock);
-    clientPackageManagers.erase(fd);
-  }
+  // Subscriptions and queue go together, so that no producer queues an event
+  // for this connection once its queue is gone.
+  EventManager::GetInstance()->CloseConnection(fd);
   // Only now can no trim of its queue happen any more.
   losses.ConnectionClosed(fd);
   return 0;
@@ -66,14 +61,9 @@ int KeloBpfService::onClientLibReadable(int fd, BufferState* readBufferState) {
 }
 
 int KeloBpfService::onClientLibWriteable(int fd, BufferState* writeBufferState) {
-  IpcPackageManager* queue = nullptr;
-  {
-    MutexLock lock(EventManager::keloRawEventManagerLock);
-    auto entry = clientPackageManagers.find(fd);
-    if (entry == clientPackageManagers.end()) return 0;
-    // Only this thread erases queues, so the queue outlives the lock.
-    queue = &entry->second;
-  }
+  // Only this thread closes connections, so the queue outlives the lookup.
+  IpcPackageManager* queue = EventManager::GetInstance()->QueueOf(fd);
+  if (queue == nullptr) return 0;
   queue->beginSend();
   queue->fillNextIpcPackagesToBuffer(writeBufferState);
   return 0;
@@ -108,12 +98,8 @@ int KeloBpfService::onEventProvideReqCallBack(int fd, char* payload, unsigned in
     response.result = RESULT_OK;
   }
 
-  IpcPackageManager* queue = nullptr;
-  {
-    MutexLock lock(EventManager::keloRawEventManagerLock);
-    // Only this thread erases queues, so the queue outlives the lock.
-    queue = &queueForLocked(fd);
-  }
+  // Only this thread closes connections, so the queue outlives the lookup.
+  IpcPackageManager* queue = openClientQueue(fd);
   queue->appendRespIpcPackage(&response);
   ipcManager->notifyNeedWriteData(fd);
   return 0;

@@ -10,7 +10,9 @@
 #include <exception>
 #include <memory>
 
+#include "helper/kelo_bpf_helper_strings.h"
 #include "service/kelo_bpf_event_pacing.h"
+#include "service/kelo_bpf_event_ring.h"
 #include "service/kelo_bpf_service.h"
 #include "service/kelo_bpf_state.h"
 #include "utils/kelo_bpf_log.h"
@@ -18,24 +20,6 @@
 namespace Kelo {
 namespace Bpf {
 namespace {
-
-struct RingBufferFree {
-  void operator()(ring_buffer* ringBuffer) const { ring_buffer__free(ringBuffer); }
-};
-using RingBufferPtr = std::unique_ptr<ring_buffer, RingBufferFree>;
-
-// Blocks until records arrive: an idle pump costs no wake-ups.
-constexpr int POLL_WITHOUT_TIMEOUT = -1;
-
-uint64_t LookupStatus(int statusFd, uint32_t key) {
-  uint64_t value = 0;  // stays 0 when the lookup fails
-  bpf_map_lookup_elem(statusFd, &key, &value);
-  return value;
-}
-
-int UpdateStatus(int statusFd, uint32_t key, uint64_t value) {
-  return bpf_map_update_elem(statusFd, &key, &value, BPF_ANY);
-}
 
 // The event tally of the pump running on this thread. Records dispatched on
 // any other thread (a direct call of the ring-buffer callback) are counted
@@ -67,43 +51,30 @@ int KeloBpfService::gpleventMonitor() { return runPump(GPL_PUMP); }
 int KeloBpfService::runPump(const PumpTraits& pump) {
   InstallDumpSignalHandlers();
 
-  int ringbufFd = bpf_obj_get(pinnedPath(pump.ringbufPath).c_str());
-  if (ringbufFd < 0) {
-    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: get ringbuf failed: %s, map fd: %d", pump.method,
-              strerror(errno), -1);
+  EventRing::Failure failure = EventRing::Failure::NONE;
+  std::unique_ptr<EventRing> made = EventRing::Create(pinnedPath(pump.ringbufPath), pinnedPath(pump.statusPath),
+                                                      handleBpfRingBuffEvent, this, &failure);
+  if (!made) {
+    const char* text = failure == EventRing::Failure::OPEN_RING     ? "get ringbuf failed: %s, map fd: %d"
+                       : failure == EventRing::Failure::OPEN_STATUS ? "get ringbuf status map failed: %s, map fd: %d"
+                                                                    : "Set up ringbuf failed: %s, ringbufMap fd: %d";
+    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: %s", pump.method,
+              StringPrintf(text, strerror(errno), -1).c_str());
     errno = 0;
     return -1;
   }
-  int statusFd = bpf_obj_get(pinnedPath(pump.statusPath).c_str());
+  // The ring lives as long as the service: the status operations of other
+  // threads reach it through `rings`.
+  EventRing* const ring = made.get();
   {
     MutexLock lock(servicelock);
-    (pump.index == NORMAL_RINGBUF_INDEX ? ringbufMapFd : gplRingbufMapFd).reset(ringbufFd);
-    if (statusFd >= 0) {
-      (pump.index == NORMAL_RINGBUF_INDEX ? ringbufStatusMapFd : gplRingbufStatusMapFd).reset(statusFd);
-    }
-  }
-  if (statusFd < 0) {
-    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: get ringbuf status map failed: %s, map fd: %d",
-              pump.method, strerror(errno), -1);
-    errno = 0;
-    return -1;
-  }
-
-  // The ring buffer's descriptor stays open in the service for as long as
-  // the ring buffer manager uses it.
-  RingBufferPtr ringBuffer(ring_buffer__new(ringbufFd, handleBpfRingBuffEvent, this, nullptr));
-  if (!ringBuffer) {
-    KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
-              pump.method, strerror(errno), ringbufFd);
-    errno = 0;
-    return -1;
+    rings[pump.index] = std::move(made);
   }
 
   // Losses from here on are the service's to count and tell: the kernel's
   // counts are taken as they stand before any event is enabled.
   kernelLostCounters.Open(pump.index, pinnedPath(pump.lostPath));
-  const RingFillGauge gauge(ringbufFd);
-  const RingFillGauge::Scope gaugeScope(&gauge);
+  const RingFillGauge::Scope gaugeScope(&ring->gauge());
 
   // Core events (task creation and exit) flow before the seeding starts, so
   // that a change made while it runs is not missed; the other events only
@@ -117,14 +88,25 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
   EventTally tally(KeloBpfDataState::GetInstance());
   PumpTallyScope tallyScope(&tally);
   DeferredWakeups wakeups;
+  PollTimer timer(budget);
   int failures = 0;
   while (true) {
     if (!running) {
       KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][%s] %s", pump.method, pump.stopText);
       return 0;
     }
-    const int result = ring_buffer__poll(ringBuffer.get(), POLL_WITHOUT_TIMEOUT);
-    if (result >= 0) tally.Add(KELO_EVENT_POLL_COUNT);
+    const int waited = ring->Wait(timer.TimeoutMs(PollTimer::Clock::now(), ring->Unconsumed() != 0));
+    const PollTimer::Clock::time_point woke = PollTimer::Clock::now();
+    const int result = waited < 0 ? waited : ring->Consume();
+    if (result >= 0) {
+      // A timed poll that found nothing is no poll of the kernel's making.
+      if (waited > 0 || result > 0) tally.Add(KELO_EVENT_POLL_COUNT);
+      if (timer.Drained(result, woke) && !ring->SetWakeMode(timer.Mode())) {
+        KELO_LOGE(LOG_TAG_SERVICE, "[KeloBpfService][%s] KELOBPF: set wake mode failed: %s", pump.method,
+                  strerror(errno));
+        errno = 0;
+      }
+    }
     // The records of this poll are counted, and their subscribers' senders
     // woken, before the pump waits again.
     tally.Flush();
@@ -191,10 +173,6 @@ int KeloBpfService::handleBpfPassthrough(char* data, long long size) {
   return 0;
 }
 
-int KeloBpfService::statusMapFd(int index) {
-  return (index == NORMAL_RINGBUF_INDEX ? ringbufStatusMapFd : gplRingbufStatusMapFd).get();
-}
-
 bool KeloBpfService::checkBpfRingBuffStatus(int index, bool force) {
   if (index < 0 || index >= RINGBUF_COUNT) return false;
   const int64_t now = static_cast<int64_t>(time(nullptr));
@@ -204,27 +182,29 @@ bool KeloBpfService::checkBpfRingBuffStatus(int index, bool force) {
   // The kernel sets the full flag at any time; the lock keeps this clearing
   // from undoing a concurrent enable switch.
   MutexLock lock(servicelock);
-  const int fd = statusMapFd(index);
-  const uint64_t availData = LookupStatus(fd, KELO_RB_STATUS_AVAIL_DATA);
-  const uint64_t flags = LookupStatus(fd, KELO_RB_STATUS_FLAGS);
+  const EventRing* ring = rings[index].get();
+  if (ring == nullptr) return true;
+  const uint64_t availData = ring->Status(KELO_RB_STATUS_AVAIL_DATA);
+  const uint64_t flags = ring->Status(KELO_RB_STATUS_FLAGS);
   if ((flags & KELO_RB_FLAG_FULL) == 0) return true;
 
   KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][checkBpfRingBuffStatus] bpf ringbuff full!");
   KELO_LOGW(LOG_TAG_SERVICE,
             "[KeloBpfService][checkBpfRingBuffStatus] avail data: %" PRIu64 ", ringbuf size: %" PRIu64
             ", cons pos: %" PRIu64 ", prod pos: %" PRIu64,
-            availData, LookupStatus(fd, KELO_RB_STATUS_RING_SIZE), LookupStatus(fd, KELO_RB_STATUS_CONS_POS),
-            LookupStatus(fd, KELO_RB_STATUS_PROD_POS));
-  UpdateStatus(fd, KELO_RB_STATUS_FLAGS, flags & ~static_cast<uint64_t>(KELO_RB_FLAG_FULL));
+            availData, ring->Status(KELO_RB_STATUS_RING_SIZE), ring->Status(KELO_RB_STATUS_CONS_POS),
+            ring->Status(KELO_RB_STATUS_PROD_POS));
+  rings[index]->SetStatus(KELO_RB_STATUS_FLAGS, flags & ~static_cast<uint64_t>(KELO_RB_FLAG_FULL));
   return false;
 }
 
 bool KeloBpfService::updateStatusFlag(int index, uint64_t flag, bool enable) {
   if (index < 0 || index >= RINGBUF_COUNT) return false;
   MutexLock lock(servicelock);
-  const int fd = statusMapFd(index);
-  const uint64_t flags = LookupStatus(fd, KELO_RB_STATUS_FLAGS);
-  return UpdateStatus(fd, KELO_RB_STATUS_FLAGS, enable ? flags | flag : flags & ~flag) == 0;
+  EventRing* ring = rings[index].get();
+  if (ring == nullptr) return false;
+  const uint64_t flags = ring->Status(KELO_RB_STATUS_FLAGS);
+  return ring->SetStatus(KELO_RB_STATUS_FLAGS, enable ? flags | flag : flags & ~flag);
 }
 
 bool KeloBpfService::enableCoreBpf(int index, bool enable) {

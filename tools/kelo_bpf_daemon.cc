@@ -2,14 +2,17 @@
 // platform's daemon (and, with --load, for the platform's BPF loader).
 //
 //   kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]
-//            [--pidfile PATH]
+//            [--pidfile PATH] [--latency-budget-ms MS]
 //   kelobpfd --version | --help
 //
 // 1. Properties. There is no property service here: properties live in this
 //    process, so the daemon sets those the service reads. "ro.kernel.version"
 //    is the running kernel's "major.minor" (from uname); then every --prop is
 //    set in order, so --prop can override it or set
-//    "persist.sys.stability.bpfframework.disable". The host's property store
+//    "persist.sys.stability.bpfframework.disable". --latency-budget-ms MS
+//    (0 to 1000) sets "persist.sys.stability.bpfframework.latency_budget_ms"
+//    after them: how long a record may wait in its ring before the service
+//    hands it on (default 10; 0 hands on every record at once). The host's property store
 //    has no lock, so everything is set before the service's threads exist,
 //    readiness included when it is due at once (see 5).
 // 2. The service's directory /data/kelolog/stability/kelobpfframework is
@@ -82,7 +85,7 @@ using namespace Kelo::Bpf;
 
 constexpr char USAGE[] =
     "usage: kelobpfd [--prop KEY=VALUE]... [--load[=OBJDIR]] [--ready-delay SECONDS] [--no-ready]\n"
-    "                [--pidfile PATH]\n"
+    "                [--pidfile PATH] [--latency-budget-ms MS]\n"
     "       kelobpfd --version | --help\n";
 // --help: the usage, then every option. The manual page takes its options
 // from this text.
@@ -128,7 +131,19 @@ struct Options {
   double readyDelay = 0;
   bool ready = true;
   std::string pidFile;
+  // Empty: the property (or its default) decides.
+  std::string latencyBudgetMs;
 };
+
+// A whole number of milliseconds from 0 to MAX_LATENCY_BUDGET_MS.
+bool ValidLatencyBudget(const char* text) {
+  char* end = nullptr;
+  errno = 0;
+  const long value = strtol(text, &end, 10);
+  const bool valid = end != text && *end == '\0' && errno == 0 && value >= 0 && value <= MAX_LATENCY_BUDGET_MS;
+  errno = 0;
+  return valid;
+}
 
 // The pid file this daemon wrote, removed on the way out; main thread only.
 std::string writtenPidFile;
@@ -140,6 +155,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       {"ready-delay", required_argument, nullptr, 'r'},
       {"no-ready", no_argument, nullptr, 'n'},
       {"pidfile", required_argument, nullptr, 'P'},
+      {"latency-budget-ms", required_argument, nullptr, 'L'},
       {"version", no_argument, nullptr, 'V'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
@@ -168,6 +184,10 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       case 'P':
         if (*optarg == '\0') return false;
         options->pidFile = optarg;
+        break;
+      case 'L':
+        if (!ValidLatencyBudget(optarg)) return false;
+        options->latencyBudgetMs = optarg;
         break;
       case 'V':
         std::fputs(VERSION_TEXT, stdout);
@@ -219,6 +239,7 @@ bool SetStartProperties(const Options& options) {
     properties.emplace_back(KeloBpfService::KELO_BPF_READY, ReadyAtStart(options) ? READY_VALUE : NOT_READY_VALUE);
   }
   properties.insert(properties.end(), options.properties.begin(), options.properties.end());
+  if (!options.latencyBudgetMs.empty()) properties.emplace_back(LATENCY_BUDGET_PROPERTY, options.latencyBudgetMs);
   for (const auto& [key, value] : properties) {
     if (!SetProperty(key, value)) return false;
   }

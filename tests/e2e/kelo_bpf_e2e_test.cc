@@ -137,6 +137,32 @@ TEST(E2eTools, DaemonEndsWithSuccessWhenStoppedBeforeReadinessOrDisabled) {
   EXPECT_TRUE(disabled.Logged("Property ro.kernel.version=")) << disabled.Err();
 }
 
+// With a budget of a second the pump polls on a 750 ms timer after every
+// record it hands on; a stop must not wait for that timer.
+TEST(E2eTools, DaemonEndsWithinASecondOfSigtermWhileItsPumpWaitsOnItsTimer) {
+  KELO_SKIP_WITHOUT_BPF();
+  Tool refused(KELO_DAEMON_PATH, {"--latency-budget-ms", "1001"}, "refused");
+  EXPECT_EQ(refused.Wait(), 2) << refused.Err();
+
+  Tool daemon(KELO_DAEMON_PATH, {"--load", "--latency-budget-ms", "1000"}, "daemon");
+  ASSERT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Ready"); })) << daemon.Err();
+  EXPECT_TRUE(daemon.Logged("Property persist.sys.stability.bpfframework.latency_budget_ms=1000")) << daemon.Err();
+  ASSERT_TRUE(WaitUntil(ServiceListening));
+  kelo_test::IpcClient client(Kelo::Bpf::KELO_BPF_CLIENT_SOCKET_NAME);
+  ASSERT_TRUE(client.Connect());
+  ASSERT_EQ(client.Ask(0, Kelo::Bpf::REQ_ADD_OBSERVER_EVENT, KELO_EVENT_TASK_CREATE), 0);
+  // A fork record handed on starts the timer.
+  ASSERT_TRUE(WaitUntil([&] {
+    RunChild();
+    return client.Next(100ms).has_value();
+  }));
+  const auto start = std::chrono::steady_clock::now();
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(1s), 0) << daemon.Err();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
+}
+
 // As init starts the daemon from tools/kelobpfd.rc: the socket of its
 // `socket` line handed over, readiness left to the platform. Clients reach
 // the service through the socket's path, and no abstract name is bound.

@@ -79,6 +79,9 @@ bool RingBufferFixture::loadInjector() {
   }
   // The program writes into the ring buffer under test, not a map of its own.
   int err = bpf_map__reuse_fd(ring, map_.get());
+  // Submits then wake the consumer as that status array asks.
+  bpf_map* status = bpf_object__find_map_by_name(object.get(), "inject_status");
+  if (err == 0 && statusFd_ >= 0) err = status != nullptr ? bpf_map__reuse_fd(status, statusFd_) : -ENOENT;
   if (err == 0) err = bpf_object__load(object.get());
   if (err != 0) {
     ADD_FAILURE() << "loading the injector for " << path_ << ": " << std::strerror(-err);
@@ -192,7 +195,10 @@ std::unique_ptr<ServiceRingBuffers> ServiceRingBuffers::Create() {
   rings->gplLost = LostCounts::Create(KELO_BPF_MAP_PATH(KELO_BPF_GPL_DEFINESET, "ringbuf_lost"));
   const bool complete =
       rings->normal && rings->normalStatus && rings->normalLost && rings->gpl && rings->gplStatus && rings->gplLost;
-  return complete ? std::move(rings) : nullptr;
+  if (!complete) return nullptr;
+  rings->normal->FollowWakeMode(rings->normalStatus->fd());
+  rings->gpl->FollowWakeMode(rings->gplStatus->fd());
+  return rings;
 }
 
 void RingBufferReader::RingCloser::operator()(ring_buffer* ring) const { ring_buffer__free(ring); }

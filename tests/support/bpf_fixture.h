@@ -50,6 +50,11 @@ class RingBufferFixture {
   // entry, byte for byte: a consumer sees exactly these bytes and this length.
   // False when the ring buffer is full or len is out of range.
   bool Inject(const void* record, size_t len);
+  // From the first Inject on, records are submitted with the wake-up that
+  // the status array at statusFd asks for (entry KELO_RB_STATUS_WAKE_MODE),
+  // as the kernel programs submit theirs; without it, with the ring's own
+  // rule. The descriptor must outlive the fixture.
+  void FollowWakeMode(int statusFd) { statusFd_ = statusFd; }
 
  private:
   RingBufferFixture(std::string path, android::base::unique_fd map);
@@ -63,6 +68,7 @@ class RingBufferFixture {
   android::base::unique_fd map_;
   std::unique_ptr<bpf_object, ObjectCloser> injector_;  // loaded on first Inject
   int injectorProg_ = -1;                               // owned by injector_
+  int statusFd_ = -1;
 };
 
 // A ring-buffer status array (KELO_RB_STATUS_ENTRIES u64 entries).
