@@ -157,17 +157,20 @@ class TaskDumpTest : public ::testing::TestWithParam<Variant> {
 
 // An empty table gives the two header lines; each dump replaces the last.
 TEST_P(TaskDumpTest, WritesItsRowsLargestFirstWithTheCountOfAllRecords) {
+  // Each dump sets `time`, so it is taken before the expectation reads it.
   int64_t time = 0;
-  EXPECT_EQ(Dump(&time), Expected(0, time, {}, {}));
+  std::string text = Dump(&time);
+  EXPECT_EQ(text, Expected(0, time, {}, {}));
 
   const std::vector<KeloTask> table = KnownTable();
   for (const KeloTask& task : table) tasks_.AddKeloTask(task.pid, task);
-  EXPECT_EQ(Dump(&time),
-            Expected(static_cast<unsigned>(table.size()), time, table, KnownOrder(GetParam().withRssOnly)));
+  text = Dump(&time);
+  EXPECT_EQ(text, Expected(static_cast<unsigned>(table.size()), time, table, KnownOrder(GetParam().withRssOnly)));
 
   for (const KeloTask& task : table) tasks_.DelKeloTask(task.pid);
   tasks_.AddKeloTask(9, MakeTask(9, "only", MIB));
-  EXPECT_EQ(Dump(&time), Expected(1, time, {MakeTask(9, "only", MIB)}, {9}));
+  text = Dump(&time);
+  EXPECT_EQ(text, Expected(1, time, {MakeTask(9, "only", MIB)}, {9}));
 }
 
 TEST_P(TaskDumpTest, FailedOpenIsLoggedAndWritesNothing) {
