@@ -69,7 +69,7 @@ class BenchRing {
   int statusFd_ = -1;
 };
 
-// A ring-buffer status array (five u64 entries) pinned at `path`; an empty
+// A ring-buffer status array (KELO_RB_STATUS_ENTRIES u64 entries) pinned at `path`; an empty
 // descriptor after a failure reported on stderr.
 android::base::unique_fd CreateStatusArray(const std::string& path);
 // Entry `key` of a status array; 0 when the lookup fails.

@@ -90,7 +90,7 @@ bool PollTimer::Drained(int records, Clock::time_point woke) {
     due_ = woke + period_;
   } else if (phase_ == Phase::TIMED) {
     phase_ = Phase::PARKING;
-    due_ = woke + period_;
+    due_ = woke + std::min<Clock::duration>(period_, PARKING_GRACE);
   } else if (phase_ == Phase::PARKING && woke >= due_) {
     phase_ = Phase::IDLE;
   }

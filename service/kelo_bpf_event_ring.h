@@ -89,13 +89,15 @@ class EventRing {
 // it, it drains, asks the kernel for no more wake-ups (KELO_RB_WAKE_TIMED,
 // but for the watermark) and polls again one period after that wake-up, and
 // so on while records keep coming. A timed poll that finds nothing asks for
-// wake-ups again and polls once more a period later before it waits without
-// a time-out, so that a record submitted while the mode changed is not left
-// in the ring. The period is half the budget (at least 1 ms), leaving the
-// rest for the way to the client on a busy machine. Used by one pump thread.
+// wake-ups again and polls once more PARKING_GRACE later before it waits
+// without a time-out, so that a record whose submit still saw the old mode
+// is not left in the ring (a kernel program reads the mode after it reserved
+// its record, so the pump also sees such a record as unconsumed). The period is half the budget (at least 1 ms),
+// leaving the rest for the way to the client on a busy machine. Used by one pump thread.
 class PollTimer {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds PARKING_GRACE{1};
 
   explicit PollTimer(std::chrono::milliseconds budget);
 

@@ -44,6 +44,17 @@
 
 namespace {
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KELO_TEST_UNDER_TSAN 1
+#endif
+#endif
+#ifdef KELO_TEST_UNDER_TSAN
+constexpr bool UNDER_THREAD_SANITIZER = true;
+#else
+constexpr bool UNDER_THREAD_SANITIZER = false;
+#endif
+
 using namespace std::chrono_literals;
 using Kelo::Bpf::KeloBpfDataState;
 using Kelo::Bpf::KeloBpfService;
@@ -158,9 +169,12 @@ TEST(E2eTools, DaemonEndsWithinASecondOfSigtermWhileItsPumpWaitsOnItsTimer) {
   }));
   const auto start = std::chrono::steady_clock::now();
   daemon.Signal(SIGTERM);
-  EXPECT_EQ(daemon.Wait(1s), 0) << daemon.Err();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
-  EXPECT_TRUE(daemon.Logged("[kelobpfd] Service stopped, producers joined")) << daemon.Err();
+  // The pumps leave their waits and are joined within the second; under
+  // ThreadSanitizer the process's own exit takes longer than that.
+  EXPECT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Service stopped, producers joined"); }, 1s))
+      << daemon.Err();
+  EXPECT_EQ(daemon.Wait(UNDER_THREAD_SANITIZER ? 5s : 1s), 0) << daemon.Err();
+  if (!UNDER_THREAD_SANITIZER) EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
 // As init starts the daemon from tools/kelobpfd.rc: the socket of its
