@@ -104,6 +104,8 @@ constexpr char OPTIONS_HELP[] =
     "  --no-ready             never set sys.kelo_bpf_ready: clients are served,\n"
     "                         nothing is attached\n"
     "  --pidfile PATH         keep the daemon's pid in PATH while it runs\n"
+    "  --latency-budget-ms MS how long a record may wait in its ring before it is\n"
+    "                         handed on (0 to 1000; default 10; 0 wakes per record)\n"
     "  --version              print \"kelobpfd <version>\" and exit\n"
     "  -h, --help             print this help and exit\n"
     "\n"
