@@ -91,8 +91,9 @@ switches() {
 
 # Touches pages at 4 x rate a second (16 KiB per record), in 1 ms steps, in a
 # 64 MiB region that is handed back (MADV_DONTNEED) whenever it is full.
+# Python replaces the subshell, so that killing the workload's pid ends it.
 workload() {
-  python3 - "$1" <<'EOF'
+  exec python3 - "$1" <<'EOF'
 import mmap, sys, time
 rate = int(sys.argv[1])
 page = mmap.PAGESIZE
