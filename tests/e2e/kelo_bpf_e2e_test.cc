@@ -174,7 +174,9 @@ TEST(E2eTools, DaemonEndsWithinASecondOfSigtermWhileItsPumpWaitsOnItsTimer) {
   EXPECT_TRUE(WaitUntil([&] { return daemon.Logged("[kelobpfd] Service stopped, producers joined"); }, 1s))
       << daemon.Err();
   EXPECT_EQ(daemon.Wait(UNDER_THREAD_SANITIZER ? 5s : 1s), 0) << daemon.Err();
-  if (!UNDER_THREAD_SANITIZER) EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  if (!UNDER_THREAD_SANITIZER) {
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  }
 }
 
 // As init starts the daemon from tools/kelobpfd.rc: the socket of its
