@@ -63,13 +63,17 @@ constexpr uint32_t RECORD_BYTES = 48;
 constexpr int32_t EVENT_TYPE = KELO_EVENT_CGROUP_ATTACH;
 
 // A bulk round is DRAIN_RECORDS entries of 56 bytes, which a ring of
-// RING_BYTES holds with room to spare. A production ring (KELO_RINGBUF_BYTES)
+// RING_BYTES holds in less than half of it: the publisher holds back for a
+// paced client only while its ring is at most half full, so a round that
+// filled more than half would be a lossy overload, not a drain. A production ring (KELO_RINGBUF_BYTES)
 // holds at most PRODUCTION_BURST of them: the largest burst the service can
 // meet there.
-constexpr uint32_t RING_BYTES = 64u << 20;
+constexpr uint32_t RING_BYTES = 128u << 20;
 constexpr uint32_t GPL_RING_BYTES = KELO_GPL_RINGBUF_BYTES;
 constexpr uint32_t BARE_RECORDS = 1'000'000;
 constexpr uint32_t DRAIN_RECORDS = 1'000'000;
+static_assert(uint64_t{DRAIN_RECORDS} * (BPF_RINGBUF_HDR_SZ + RECORD_BYTES) < RING_BYTES / 2,
+              "a bulk round fits half the ring");
 const uint32_t PRODUCTION_BURST = static_cast<uint32_t>(KELO_RINGBUF_BYTES / BenchRing::EntryBytes(RECORD_BYTES));
 
 constexpr int64_t FAN_OUT[] = {1, 4, 16};
@@ -415,13 +419,14 @@ BENCHMARK(BM_Drain)
     ->Unit(benchmark::kMillisecond);
 
 // PACED_SECONDS of records at state.range(0) per second through each
-// pipeline to one client. The time shown is the service's.
+// pipeline to state.range(1) clients. The time shown is the service's.
 void BM_Paced(benchmark::State& state) {
   static int measurement = 0;
   const uint64_t rate = static_cast<uint64_t>(state.range(0));
+  const int clients = static_cast<int>(state.range(1));
   const uint64_t records = rate * PACED_SECONDS;
   std::unique_ptr<Delivery> sides[2];
-  if (!ConnectBoth(state, 1, sides)) return;
+  if (!ConnectBoth(state, clients, sides)) return;
   const std::string record = Record();
   for (auto _ : state) {
     double cpu[2];
@@ -444,6 +449,9 @@ void BM_Paced(benchmark::State& state) {
       state.counters[name + "_sender_cpu_us_per_event"] = PerMillion(cost.senderCpuNs, records) / NS_PER_SECOND;
       state.counters[name + "_switches_per_event"] = static_cast<double>(cost.switches) / static_cast<double>(records);
       state.counters[name + "_lost"] = static_cast<double>(cost.lost);
+      // Records each client received, as a share of those emitted.
+      state.counters[name + "_received_share"] =
+          1.0 - static_cast<double>(cost.lost) / static_cast<double>(records * clients);
       burst = std::max(burst, sideBurst);
     }
     ++measurement;
@@ -452,10 +460,17 @@ void BM_Paced(benchmark::State& state) {
     state.counters["burst"] = burst;
   }
 }
+// One client at 10 k and 100 k per second, and the steady fan-out: 4 and
+// 16 clients at 100 k per second.
+void PacedArguments(benchmark::internal::Benchmark* benchmark) {
+  benchmark->ArgNames({"rate", "clients"});
+  for (int64_t rate : {10'000, 100'000}) benchmark->Args({rate, 1});
+  for (int64_t clients : FAN_OUT) {
+    if (clients != 1) benchmark->Args({100'000, clients});
+  }
+}
 BENCHMARK(BM_Paced)
-    ->ArgName("rate")
-    ->Arg(10'000)
-    ->Arg(100'000)
+    ->Apply(PacedArguments)
     ->UseManualTime()
     ->Iterations(1)
     ->Repetitions(REPETITIONS)
@@ -466,7 +481,9 @@ std::string DrainName(int clients, uint32_t burst) {
   return "BM_Drain/clients:" + std::to_string(clients) + "/burst:" + std::to_string(burst);
 }
 
-std::string PacedName(int rate) { return "BM_Paced/rate:" + std::to_string(rate); }
+std::string PacedName(int rate, int clients = 1) {
+  return "BM_Paced/rate:" + std::to_string(rate) + "/clients:" + std::to_string(clients);
+}
 
 // One summary line: a label and the figures of two columns.
 void Row(const char* label, double first, double second) {
@@ -525,6 +542,20 @@ void PrintSummary(const SummaryReporter& results) {
   paced("latency p99 ms, service", "service_p99_ms");
   paced("records lost by the reference", "reference_lost");
   paced("records lost by the service (target 0)", "service_lost");
+  printf("Fan-out at a steady 100k/s                            1 client   4 clients  16 clients\n");
+  const auto steady = [&](const char* label, const std::function<double(const std::string&)>& figure) {
+    printf("  %-44s %-10s %-10s %s\n", label, Figure(figure(PacedName(100'000, 1))).c_str(),
+           Figure(figure(PacedName(100'000, 4))).c_str(), Figure(figure(PacedName(100'000, 16))).c_str());
+  };
+  const auto counter = [&](const char* name) {
+    return [&results, name](const std::string& row) { return results.Median(row, name); };
+  };
+  steady("share of the records each client received", counter("service_received_share"));
+  steady("CPU us per event, reference", counter("reference_cpu_us_per_event"));
+  steady("CPU us per event, service", counter("service_cpu_us_per_event"));
+  steady("service / reference", counter("service_vs_reference"));
+  steady("latency p99 ms, service", counter("service_p99_ms"));
+  steady("records lost by the service (target 0)", counter("service_lost"));
   printf(
       "Idle service with %d subscribed clients: %s wake-ups of its %s threads in %lld s (target 0); "
       "VmRSS +%s KiB\n",

@@ -35,6 +35,8 @@ namespace {
 
 using kelo_test::WaitUntil;
 
+constexpr uid_t SLEEPER_UID = 1000;
+
 // One line of `ps -e -o pid=,ppid=,nlwp=,rss=`.
 struct PsRow {
   int pid, ppid, threads;
@@ -54,8 +56,8 @@ std::map<int, PsRow> Ps() {
   return rows;
 }
 
-// Processes that idle for the test's length: one with extra threads, one
-// with touched memory. Made before any thread of the test process exists.
+// Processes that idle for the test's length: one under another user
+// (SLEEPER_UID), one with extra threads, one with touched memory. Made before any thread of the test process exists.
 class Sleepers {
  public:
   Sleepers() {
@@ -65,6 +67,7 @@ class Sleepers {
       const pid_t pid = fork();
       if (pid == 0) {
         close(ends[1]);
+        if (kind == 0 && setuid(SLEEPER_UID) != 0) _exit(2);
         std::vector<std::thread> threads;
         std::string memory;
         if (kind == 1) {
@@ -155,7 +158,8 @@ int ScanInOwnPidNamespace() {
           android::base::StringPrintf("pid %d: table ppid %d threads %d rss %ld kB, ps ppid %d threads %d rss %ld kB",
                                       pid, seen.ppid, seen.threads, seen.rssKb, row.ppid, row.threads, row.rssKb));
     }
-    if (task.uid != 0 || task.oldThreadNum != task.threadNum || task.rssAnonOldSize != task.rssAnonSize ||
+    const uint32_t uid = pid == sleepers.pids[0] ? SLEEPER_UID : 0;
+    if (task.uid != uid || task.oldThreadNum != task.threadNum || task.rssAnonOldSize != task.rssAnonSize ||
         task.initTimeStamp < GetBasetime() || task.initTimeStamp > time(nullptr) + 1) {
       problem("pid " + std::to_string(pid) + ": uid, old figures or start time wrong");
     }
