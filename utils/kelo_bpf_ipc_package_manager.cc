@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -105,16 +106,18 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form,
       break;
   }
 
-  // Freed (and shown to the listener) once the lock is let go.
-  std::deque<KeloIpcPackage> removed;
+  // Freed (and shown to the listener) once the lock is let go. Made only
+  // by a trim: an empty deque allocates, and this is every append's path.
+  std::optional<std::deque<KeloIpcPackage>> removed;
   {
     MutexLock lock(mutex);
     if (queue.size() > IPC_QUEUE_HIGH_WATER) {
       Kelo::Bpf::RecordBpfServiceErrorInfo(
           errorCode, Kelo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(IPC_QUEUE_HIGH_WATER)));
       KELO_LOGE(LOG_TAG_UTILS, overflowText, queue.size());
+      removed.emplace();
       while (queue.size() > IPC_QUEUE_LOW_WATER) {
-        removed.push_back(std::move(queue.front()));
+        removed->push_back(std::move(queue.front()));
         queue.pop_front();
       }
     }
@@ -126,7 +129,7 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form,
     count.store(queue.size(), std::memory_order_relaxed);
     if (waiters != 0) eventReady.notify_all();
   }
-  if (!removed.empty() && trimListener) trimListener(removed);
+  if (removed && !removed->empty() && trimListener) trimListener(*removed);
 }
 
 void IpcPackageManager::popFront() {
