@@ -215,7 +215,8 @@ IpcPackageManager* KeloBpfService::openClientQueue(int fd) {
 }
 
 std::string KeloBpfService::stateSupplement() {
-  return losses.StateLines() + StringPrintf("BadFramesClosed, %" PRIu64 ", \r\n", badFramesClosed()) +
+  return KeloBpfDataState::GetInstance()->TotalsLines() + losses.StateLines() +
+         StringPrintf("BadFramesClosed, %" PRIu64 ", \r\n", badFramesClosed()) +
          StringPrintf("PacingWaits, %" PRIu64 ", \r\n", EventManager::GetInstance()->PacingWaits()) +
          taskHealer->StateLines();
 }

@@ -61,13 +61,29 @@ KeloBpfDataState::KeloBpfDataState(SecondsClock clock) : clock_(clock), lastTime
 void KeloBpfDataState::RecordEvent(int type, int count) {
   if (type < 0 || type > STATE_COUNTER_POLL) return;
   slots_[CurrentSlot()][type].fetch_add(count, std::memory_order_relaxed);
+  totals_[type].fetch_add(static_cast<uint64_t>(static_cast<int64_t>(count)), std::memory_order_relaxed);
 }
 
 void KeloBpfDataState::RecordEvents(const int32_t (&counts)[STATE_COUNTER_KINDS]) {
   const int slot = CurrentSlot();
   for (int kind = 0; kind < STATE_COUNTER_KINDS; ++kind) {
-    if (counts[kind] != 0) slots_[slot][kind].fetch_add(counts[kind], std::memory_order_relaxed);
+    if (counts[kind] == 0) continue;
+    slots_[slot][kind].fetch_add(counts[kind], std::memory_order_relaxed);
+    totals_[kind].fetch_add(static_cast<uint64_t>(static_cast<int64_t>(counts[kind])), std::memory_order_relaxed);
   }
+}
+
+uint64_t KeloBpfDataState::Total(int kind) const {
+  if (kind < 0 || kind >= STATE_COUNTER_KINDS) return 0;
+  return totals_[kind].load(std::memory_order_relaxed);
+}
+
+std::string KeloBpfDataState::TotalsLines() const {
+  std::string lines = "EventsSinceStart, ";
+  for (const char* column : STATE_EVENT_COLUMNS) lines += std::string(column) + STATE_COLUMN_SEPARATOR;
+  lines += "polls, \r\nCounted, ";
+  for (int kind = 0; kind < STATE_COUNTER_KINDS; ++kind) lines += StringPrintf("%" PRIu64 ", ", Total(kind));
+  return lines + "\r\n";
 }
 
 int KeloBpfDataState::CurrentSlot() {

@@ -72,6 +72,14 @@ class KeloBpfDataState {
   // without a supplement writes its rows and nothing else.
   void SetSupplement(std::function<std::string()> supplement) EXCLUDES(lock_);
 
+  // Everything counted of kind `kind` since this window was made, whatever
+  // has left the window since; 0 for kinds outside 0..8.
+  uint64_t Total(int kind) const;
+  // The totals as two lines of the state file's supplement, each ending in
+  // "\r\n": "EventsSinceStart" with the header's column names and "polls",
+  // then "Counted" with the nine totals.
+  std::string TotalsLines() const;
+
  private:
   // A copy of the window, as a dump writes it.
   struct Window {
@@ -99,6 +107,7 @@ class KeloBpfDataState {
   int32_t firstIndex_ GUARDED_BY(lock_) = 0;
   std::atomic<int32_t> slots_[STATE_WINDOW_SECONDS][STATE_COUNTER_KINDS] = {};
   std::function<std::string()> supplement_ GUARDED_BY(lock_);
+  std::atomic<uint64_t> totals_[STATE_COUNTER_KINDS] = {};
 };
 
 // Counts of one thread's run of events, handed to the window in one go. A

@@ -157,7 +157,9 @@ int RunClient(int argc, char** argv) {
     StatsOptions stats;
     stats.service.socketName = KELO_BPF_CLIENT_SOCKET_NAME;
     CLI::App* statsCommand = app.add_subcommand(
-        "stats", "Per-type event counts and rates of the service's 30-minute window, losses, clients connected.");
+        "stats",
+        "Per-type event counts and rates since the service started and over its 30-minute window, losses, clients "
+        "connected.");
     statsCommand->add_flag("--json", stats.json, "one JSON object");
     AddServiceOptions(statsCommand, &stats.service);
 

@@ -31,6 +31,9 @@ constexpr const char* STATE_COLUMNS[STATE_KINDS] = {"kelo_task_init",  "kmem_rss
                                                     "sched_task_exit", "dmabuf_size_info", "cgroup_attach_cpuset_info",
                                                     "fd_update_info",  "dmabuf_update",    "PollCount"};
 
+// The section of the service's supplement with its counts since it started.
+constexpr char EVENTS_SINCE_START[] = "EventsSinceStart, ";
+
 bool ParseInt64(std::string_view text, int64_t* value) {
   // Digits with an optional sign, within the range of int64_t.
   size_t i = 0;
@@ -221,6 +224,12 @@ int64_t StateSummary::recentEvents() const {
   return sum;
 }
 
+int64_t StateSummary::startEvents() const {
+  int64_t sum = 0;
+  for (int kind = 0; startTotals && kind < STATE_POLL_KIND; ++kind) sum += (*startTotals)[kind];
+  return sum;
+}
+
 StateSummary SummarizeState(const StateFile& state, int recentRows, std::optional<int64_t> serviceSeconds) {
   StateSummary summary;
   summary.windowSeconds = static_cast<int64_t>(state.rows.size());
@@ -236,6 +245,19 @@ StateSummary SummarizeState(const StateFile& state, int recentRows, std::optiona
     }
   }
   summary.recentSeconds = std::min<int64_t>(recentRows, summary.windowSeconds);
+  summary.serviceSeconds = serviceSeconds;
+  // "EventsSinceStart, <columns>, " then "Counted, <totals>, ".
+  for (size_t i = 0; i + 1 < state.extraLines.size(); ++i) {
+    if (state.extraLines[i].rfind(EVENTS_SINCE_START, 0) != 0) continue;
+    std::vector<std::string> fields = android::base::Split(state.extraLines[i + 1], ",");
+    for (std::string& field : fields) field = android::base::Trim(field);
+    while (!fields.empty() && fields.back().empty()) fields.pop_back();
+    std::array<int64_t, STATE_KINDS> totals{};
+    bool valid = fields.size() == STATE_KINDS + 1 && fields[0] == "Counted";
+    for (int kind = 0; valid && kind < STATE_KINDS; ++kind) valid = ParseInt64(fields[kind + 1], &totals[kind]);
+    if (valid) summary.startTotals = totals;
+    break;
+  }
   return summary;
 }
 

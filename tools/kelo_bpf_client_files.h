@@ -87,9 +87,16 @@ struct StateSummary {
   std::array<int64_t, STATE_KINDS> windowTotals{};
   int64_t recentSeconds = 0;
   std::array<int64_t, STATE_KINDS> recentTotals{};
+  // Everything the service counted since it started (its "EventsSinceStart"
+  // lines), and how long it has run; nothing from a service that writes no
+  // such lines, or when its age is unknown.
+  std::optional<std::array<int64_t, STATE_KINDS>> startTotals;
+  std::optional<int64_t> serviceSeconds;
   // Sums of the event kinds 0 to 7.
   int64_t windowEvents() const;
   int64_t recentEvents() const;
+  // 0 without startTotals.
+  int64_t startEvents() const;
 };
 
 // recentRows: how many of the newest rows count as recent (10: the last

@@ -77,18 +77,25 @@ std::string StatsText(const ServiceFigures& f) {
                                   f.clients < 0 ? "unknown" : std::to_string(f.clients).c_str());
   text += StringPrintf("window: %" PRId64 " s of service time%s\n", s.windowSeconds,
                        s.sinceStart ? " (since the service started)" : " (older seconds have left the window)");
-  text += StringPrintf("%-16s %5s %12s %10s %10s %10s\n", "type", "code", "window", "per s",
+  const bool started = s.startTotals && s.serviceSeconds;
+  if (started) text += StringPrintf("running for %" PRId64 " s\n", *s.serviceSeconds);
+  text += StringPrintf("%-16s %5s", "type", "code");
+  if (started) text += StringPrintf(" %12s %10s", "since start", "per s");
+  text += StringPrintf(" %12s %10s %10s %10s\n", "window", "per s",
                        StringPrintf("last %" PRId64 " s", s.recentSeconds).c_str(), "per s");
+  const auto row = [&](const std::string& name, const std::string& code, int64_t start, int64_t window,
+                       int64_t recent) {
+    text += StringPrintf("%-16s %5s", name.c_str(), code.c_str());
+    if (started) text += StringPrintf(" %12" PRId64 " %10.2f", start, Rate(start, *s.serviceSeconds));
+    text += StringPrintf(" %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", window, Rate(window, s.windowSeconds), recent,
+                         Rate(recent, s.recentSeconds));
+  };
   for (int kind = 0; kind < STATE_KINDS; ++kind) {
     if (kind == STATE_POLL_KIND) {
-      text += StringPrintf("%-16s %5s %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", "all events", "-", s.windowEvents(),
-                           Rate(s.windowEvents(), s.windowSeconds), s.recentEvents(),
-                           Rate(s.recentEvents(), s.recentSeconds));
+      row("all events", "-", started ? s.startEvents() : 0, s.windowEvents(), s.recentEvents());
     }
-    text += StringPrintf("%-16s %5s %12" PRId64 " %10.2f %10" PRId64 " %10.2f\n", KindName(kind).c_str(),
-                         kind == STATE_POLL_KIND ? "-" : std::to_string(kind).c_str(), s.windowTotals[kind],
-                         Rate(s.windowTotals[kind], s.windowSeconds), s.recentTotals[kind],
-                         Rate(s.recentTotals[kind], s.recentSeconds));
+    row(KindName(kind), kind == STATE_POLL_KIND ? "-" : std::to_string(kind), started ? (*s.startTotals)[kind] : 0,
+        s.windowTotals[kind], s.recentTotals[kind]);
   }
   text += "losses and other figures of the service:\n";
   if (f.state.extraLines.empty()) text += "  (none reported)\n";
@@ -100,13 +107,15 @@ Json StatsJson(const ServiceFigures& f) {
   const StateSummary& s = f.summary;
   Json types = Json::array();
   for (int kind = 0; kind < STATE_POLL_KIND; ++kind) {
-    types.push_back({{"type", kind},
-                     {"name", KindName(kind)},
-                     {"column", StateKindColumn(kind)},
-                     {"window", s.windowTotals[kind]},
-                     {"window_rate", Rate(s.windowTotals[kind], s.windowSeconds)},
-                     {"recent", s.recentTotals[kind]},
-                     {"recent_rate", Rate(s.recentTotals[kind], s.recentSeconds)}});
+    Json type = {{"type", kind},
+                 {"name", KindName(kind)},
+                 {"column", StateKindColumn(kind)},
+                 {"window", s.windowTotals[kind]},
+                 {"window_rate", Rate(s.windowTotals[kind], s.windowSeconds)},
+                 {"recent", s.recentTotals[kind]},
+                 {"recent_rate", Rate(s.recentTotals[kind], s.recentSeconds)}};
+    if (s.startTotals) type["total"] = (*s.startTotals)[kind];
+    types.push_back(type);
   }
   Json extra = Json::array();
   for (const std::string& line : f.state.extraLines) {
@@ -118,15 +127,18 @@ Json StatsJson(const ServiceFigures& f) {
                  {"clients", f.clients},
                  {"window_seconds", s.windowSeconds},
                  {"since_start", s.sinceStart},
+                 {"service_seconds", s.serviceSeconds ? Json(*s.serviceSeconds) : Json()},
                  {"recent_seconds", s.recentSeconds},
                  {"types", types},
                  {"events",
-                  {{"window", s.windowEvents()},
+                  {{"total", s.startTotals ? Json(s.startEvents()) : Json()},
+                   {"window", s.windowEvents()},
                    {"window_rate", Rate(s.windowEvents(), s.windowSeconds)},
                    {"recent", s.recentEvents()},
                    {"recent_rate", Rate(s.recentEvents(), s.recentSeconds)}}},
                  {"polls",
-                  {{"window", s.windowTotals[STATE_POLL_KIND]},
+                  {{"total", s.startTotals ? Json((*s.startTotals)[STATE_POLL_KIND]) : Json()},
+                   {"window", s.windowTotals[STATE_POLL_KIND]},
                    {"window_rate", Rate(s.windowTotals[STATE_POLL_KIND], s.windowSeconds)},
                    {"recent", s.recentTotals[STATE_POLL_KIND]},
                    {"recent_rate", Rate(s.recentTotals[STATE_POLL_KIND], s.recentSeconds)}}},

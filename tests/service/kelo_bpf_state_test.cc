@@ -112,6 +112,14 @@ TEST_F(DataStateTest, WindowKeepsTheLast1800Seconds) {
     const int64_t second = 1999 - static_cast<int64_t>(i);
     EXPECT_EQ(dump.rows[i], (Row{second, 0, 0, 0, 0, second, 0, 0, 0, 1})) << "row " << i;
   }
+  // What left the window is still in the totals.
+  EXPECT_EQ(state_->Total(STATE_COUNTER_DMABUF_SIZE_INFO), 1999u * 2000u / 2);
+  EXPECT_EQ(state_->Total(STATE_COUNTER_POLL), 2000u);
+  EXPECT_EQ(state_->Total(STATE_COUNTER_KINDS), 0u);
+  EXPECT_EQ(state_->TotalsLines(),
+            "EventsSinceStart, kelo_task_init, kmem_rss_info, sched_task_create, sched_task_exit, dmabuf_size_info, "
+            "cgroup_attach_cpuset_info, fd_update_info, dmabuf_update, polls, \r\n"
+            "Counted, 0, 0, 0, 0, 1999000, 0, 0, 0, 2000, \r\n");
 }
 
 TEST_F(DataStateTest, SkippedSecondsAreClearedOfEarlierLaps) {

@@ -159,6 +159,7 @@ TEST(ClientFiles, ReadsTheServicesStateFileAndKeepsLinesAfterTheWindow) {
   EXPECT_EQ(file.extraLines, (std::vector<std::string>{"KernelLost, kelo_task_init, ", "normal, 4, "}));
 
   const StateSummary all = SummarizeState(file);
+  EXPECT_FALSE(all.startTotals) << "no EventsSinceStart lines";
   EXPECT_TRUE(all.sinceStart);
   EXPECT_EQ(all.windowSeconds, 5);
   EXPECT_EQ(all.windowEvents(), 14);
@@ -170,14 +171,21 @@ TEST(ClientFiles, ReadsTheServicesStateFileAndKeepsLinesAfterTheWindow) {
 
   // The service's clock jumps by the boot time once that is known: the
   // window then holds seconds from before the start, and only the age of the
-  // service tells whether any of its own seconds have left it.
+  // service tells whether any of its own seconds have left it. The counts
+  // since the start still hold what left the window.
   now += 1700000000;
   state.RecordEvent(2, 1);
+  state.SetSupplement([&state] { return state.TotalsLines(); });
   state.DumpState();
   ASSERT_TRUE(android::base::ReadFileToString(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE, &text));
   ASSERT_TRUE(ParseStateFile(text, &file, &problem)) << problem;
   ASSERT_NE(file.firstIndex, 0);
   const StateSummary young = SummarizeState(file, 10, 7);
+  ASSERT_TRUE(young.startTotals);
+  EXPECT_EQ(*young.startTotals, (std::array<int64_t, STATE_KINDS>{0, 7, 6, 2, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(young.startEvents(), 15);
+  file.extraLines.back() = "Counted, 1, 2, x, ";
+  EXPECT_FALSE(SummarizeState(file).startTotals) << "a damaged line is no total";
   EXPECT_TRUE(young.sinceStart);
   EXPECT_EQ(young.windowSeconds, 7);
   EXPECT_EQ(young.windowEvents(), 1);
