@@ -20,6 +20,7 @@
 #include <map>
 #include <string>
 
+#include "bpf/kelo_bpf_events.h"
 #include "tools/kelo_bpf_client_commands.h"
 #include "tools/kelo_bpf_client_format.h"
 #include "tools/kelo_bpf_client_json.h"
@@ -48,6 +49,14 @@ class Tally {
     ++eventsByType[type];
     return true;
   }
+  // Adds what a loss report (50005) tells, whether or not it was shown.
+  void countLossReport(const char* record, size_t size) EXCLUDES(mutex) {
+    kelo_events_lost_client_event report;
+    if (size < sizeof(report)) return;
+    memcpy(&report, record, sizeof(report));
+    MutexLock lock(mutex);
+    lostByType[static_cast<uint32_t>(report.lost_type)] += report.count;
+  }
   void countFilteredOut() EXCLUDES(mutex) {
     MutexLock lock(mutex);
     ++filteredOut;
@@ -72,6 +81,11 @@ class Tally {
     MutexLock lock(mutex);
     return eventsByType;
   }
+  // Events the service reported lost, per type that lost them.
+  std::map<uint32_t, uint64_t> lostPerType() EXCLUDES(mutex) {
+    MutexLock lock(mutex);
+    return lostByType;
+  }
   // The last result answered to the subscription of each type.
   std::map<int, int> results() EXCLUDES(mutex) {
     MutexLock lock(mutex);
@@ -84,6 +98,7 @@ class Tally {
   uint64_t total GUARDED_BY(mutex) = 0;
   uint64_t filteredOut GUARDED_BY(mutex) = 0;
   std::map<uint32_t, uint64_t> eventsByType GUARDED_BY(mutex);
+  std::map<uint32_t, uint64_t> lostByType GUARDED_BY(mutex);
   std::map<int, int> resultByType GUARDED_BY(mutex);
 };
 
@@ -143,12 +158,19 @@ void PrintSummary(Tally* tally, const std::vector<int>& types, bool json, bool f
       Json line = {{"record", "summary"}, {"type", type}, {"name", TypeName(type)}, {"events", events}};
       std::printf("%s\n", JsonLine(line).c_str());
     }
+    for (const auto& [type, lost] : tally->lostPerType()) {
+      Json line = {{"record", "summary"}, {"lost_type", type}, {"name", TypeName(type)}, {"lost", lost}};
+      std::printf("%s\n", JsonLine(line).c_str());
+    }
     return;
   }
   std::printf("summary events=%" PRIu64 "\n", tally->events());
   if (filtered) std::printf("summary filtered_out=%" PRIu64 "\n", tally->eventsFilteredOut());
   for (const auto& [type, events] : perType) {
     std::printf("summary type=%u name=%s events=%" PRIu64 "\n", type, TypeName(type).c_str(), events);
+  }
+  for (const auto& [type, lost] : tally->lostPerType()) {
+    std::printf("summary lost_type=%u name=%s lost=%" PRIu64 "\n", type, TypeName(type).c_str(), lost);
   }
 }
 
@@ -210,6 +232,7 @@ int RunWatch(const WatchOptions& options) {
     try {
       Json object;
       const EventFacts facts = DescribeEvent(record, size, json ? &object : nullptr);
+      if (facts.type == KELO_CLIENT_EVENT_EVENTS_LOST) tally.countLossReport(record, size);
       if (filtered && !filter.passes(facts)) {
         tally.countFilteredOut();
         return;

@@ -94,7 +94,7 @@ TEST(E2eClient, WatchJsonPrintsOnlyTheEventsOfNamedProcessesAsOneObjectPerLine) 
       if (object["name"] == "exit") {
         EXPECT_TRUE(object["kind"] == "process" || object["kind"] == "thread") << line;
       }
-    } else if (object["record"] == "summary" && !object.contains("type")) {
+    } else if (object["record"] == "summary" && object.contains("filtered_out")) {
       EXPECT_EQ(object["events"], 2) << line;
       EXPECT_TRUE(object.contains("filtered_out")) << line;
     }

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -220,6 +221,41 @@ TEST(E2eTools, ClientWithoutAServiceFailsWhenItsDurationEndsAndBadUsageEndsEithe
        {std::vector<std::string>{"--prop", "no-value-given"}, {"--ready-delay", "soon"}, {"extra"}}) {
     EXPECT_EQ(Tool(KELO_DAEMON_PATH, args, "daemon").Wait(), 2) << args[0];
   }
+}
+
+// The test plays the service: it answers the client tool's subscriptions
+// and tells it of losses, which the summary adds up per type that lost them.
+TEST(E2eTools, ClientSummaryAddsUpTheLossesTheServiceReported) {
+  constexpr char SOCKET[] = "kelo_fake_service";
+  android::base::unique_fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path + 1, SOCKET, strlen(SOCKET));
+  const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + strlen(SOCKET));
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length), 0) << strerror(errno);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+
+  Tool client(KELO_CLIENT_PATH, {"fork", "lost", "--socket", SOCKET, "--duration", "1", "--json"}, "client");
+  android::base::unique_fd service(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  ASSERT_NE(service.get(), -1);
+  char requests[2 * 28];
+  ASSERT_TRUE(android::base::ReadFully(service.get(), requests, sizeof(requests)));
+  std::string frames = kelo_test::Frame(1, kelo_test::U32(0) + kelo_test::U32(0) + kelo_test::U32(0)) +
+                       kelo_test::Frame(1, kelo_test::U32(1) + kelo_test::U32(0) + kelo_test::U32(0));
+  for (uint64_t count : {5u, 7u}) {
+    kelo_events_lost_client_event report{};
+    report.type = KELO_CLIENT_EVENT_EVENTS_LOST;
+    report.lost_type = KELO_EVENT_TASK_CREATE;
+    report.count = count;
+    frames += kelo_test::Frame(3, kelo_test::Bytes(report));
+  }
+  // Cut short: no count to add.
+  frames += kelo_test::Frame(3, kelo_test::U32(KELO_CLIENT_EVENT_EVENTS_LOST) + kelo_test::U32(KELO_EVENT_TASK_EXIT));
+  ASSERT_TRUE(android::base::WriteFully(service.get(), frames.data(), frames.size()));
+  EXPECT_EQ(client.Wait(), 0) << client.Err();
+  EXPECT_TRUE(client.Printed(R"({"record":"summary","type":50005,"name":"lost","events":3})")) << client.Out();
+  EXPECT_TRUE(client.Printed(R"({"record":"summary","lost_type":2,"name":"fork","lost":12})")) << client.Out();
+  EXPECT_FALSE(client.Printed(R"("lost_type":3)")) << client.Out();
 }
 
 TEST(E2eTools, DaemonPrintsItsVersionAndKeepsItsPidFileOnlyWhileItRuns) {
