@@ -9,7 +9,8 @@
 # Nothing is installed on the host for this and the host's dpkg keeps its
 # architectures: apt runs with a private state directory that knows armhf
 # only, on the host's Debian sources, and downloads the packages. The host
-# tools it needs (clang, lld, qemu-user) come from scripts/install_deps_armhf.sh.
+# tools it needs come from scripts/install_deps.sh (clang, lld) and
+# scripts/run_tests_armhf.sh (qemu-user).
 #
 # Usage: scripts/armhf_sysroot.sh [DIR]   (default build/armhf-sysroot)
 # The sysroot is DIR/sysroot. Idempotent: when the sysroot holds exactly the
