@@ -25,7 +25,7 @@ bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' ||
 
 }  // namespace
 
-bool ReadProcFile(const char* path, std::string* content) {
+bool ReadProcFile(const char* path, std::string* content, ProcFileEnd end) {
   content->clear();
   android::base::unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_CLOEXEC)));
   if (fd.get() < 0) return false;
@@ -33,7 +33,8 @@ bool ReadProcFile(const char* path, std::string* content) {
   content->resize(std::max(content->capacity(), FIRST_READ_BYTES));
   while (true) {
     if (used == content->size()) content->resize(content->size() * 2);
-    const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), &(*content)[used], content->size() - used));
+    const size_t room = content->size() - used;
+    const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), &(*content)[used], room));
     if (n < 0) {
       const int readErrno = errno;
       content->clear();
@@ -42,6 +43,7 @@ bool ReadProcFile(const char* path, std::string* content) {
     }
     if (n == 0) break;
     used += static_cast<size_t>(n);
+    if (end == ProcFileEnd::SHORT_READ && static_cast<size_t>(n) < room) break;
   }
   content->resize(used);
   return true;

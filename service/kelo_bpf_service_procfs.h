@@ -13,10 +13,22 @@
 namespace Kelo {
 namespace Bpf {
 
+// How a reader knows it has the whole file.
+enum class ProcFileEnd {
+  // A read returns 0: right for every file.
+  END_OF_FILE,
+  // A read returns less than the room it was given. Right for the files the
+  // kernel renders whole on the first read (a process's status and stat),
+  // and one system call fewer per file; not for files of many records
+  // (maps), which the kernel may hand out in pieces.
+  SHORT_READ,
+};
+
 // Replaces *content with the whole file at path. False (errno set) when it
 // cannot be opened or read; *content is then empty. procfs files report size
-// 0, so the file is read until end of file, reusing content's capacity.
-bool ReadProcFile(const char* path, std::string* content);
+// 0, so the file is read until `end` says it is whole, reusing content's
+// capacity.
+bool ReadProcFile(const char* path, std::string* content, ProcFileEnd end = ProcFileEnd::END_OF_FILE);
 
 // The decimal number at the start of text as strtoll reads it (leading
 // blanks and a sign allowed, parsing stops at the first non-digit); nothing

@@ -69,7 +69,7 @@ void ParseStatus(std::string_view text, kelo_task_init_event* record) {
 int KeloBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
   const std::string path = StringPrintf(TASK_STATUS_PID_TEMPLATE, pid);
   std::string text;
-  if (!ReadProcFile(path.c_str(), &text)) {
+  if (!ReadProcFile(path.c_str(), &text, ProcFileEnd::SHORT_READ)) {
     KELO_LOGW(LOG_TAG_SERVICE, "[KeloBpfService][GPI] Task not exists, errno info: %s", strerror(errno));
     return -1;
   }
@@ -92,9 +92,10 @@ bool KeloBpfService::ReadTaskInit(const std::string& name, int32_t pid, long tic
   record->header.type = KELO_EVENT_TASK_INIT;
   record->header.ts = KernelEventTimeNs();
   record->pid = pid;
-  const bool found = ReadProcFile(StringPrintf(TASK_STATUS_TEMPLATE, name.c_str()).c_str(), text);
+  const bool found =
+      ReadProcFile(StringPrintf(TASK_STATUS_TEMPLATE, name.c_str()).c_str(), text, ProcFileEnd::SHORT_READ);
   if (found) ParseStatus(*text, record);
-  if (ReadProcFile(StringPrintf(TASK_STAT_TEMPLATE, name.c_str()).c_str(), text)) {
+  if (ReadProcFile(StringPrintf(TASK_STAT_TEMPLATE, name.c_str()).c_str(), text, ProcFileEnd::SHORT_READ)) {
     const ProcStat stat = ParseProcStat(std::string_view(*text).substr(0, text->find('\n')));
     if (stat.complete) {
       record->thread_num = static_cast<int32_t>(stat.threads);
