@@ -45,6 +45,8 @@ uint32_t WordAt(const char* bytes) {
   return value;
 }
 
+}  // namespace
+
 bool SendAll(int fd, const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
@@ -56,7 +58,17 @@ bool SendAll(int fd, const std::string& bytes) {
   return true;
 }
 
-}  // namespace
+std::string EventFrames(const std::string& record, size_t count) {
+  std::string frame;
+  Append(&frame, static_cast<uint32_t>(SECOND_HEADER_BYTES + record.size()));
+  Append(&frame, KeloIpcSecondLevelPackageHeader{Kelo::Bpf::IPC_PACKAGE_TYPE_EVENT,
+                                                 static_cast<uint32_t>(record.size())});
+  frame += record;
+  std::string frames;
+  frames.reserve(frame.size() * count);
+  for (size_t i = 0; i < count; ++i) frames += frame;
+  return frames;
+}
 
 int64_t NowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -119,6 +131,11 @@ bool Subscribe(int fd, uint32_t reqId, uint32_t code, int32_t type, std::string*
 
 std::unique_ptr<CountingClient> CountingClient::Connect(const std::string& name) {
   android::base::unique_fd fd = ConnectAbstract(name, CONNECT_LIMIT);
+  if (fd.get() < 0) return nullptr;
+  return std::unique_ptr<CountingClient>(new CountingClient(std::move(fd)));
+}
+
+std::unique_ptr<CountingClient> CountingClient::Adopt(android::base::unique_fd fd) {
   if (fd.get() < 0) return nullptr;
   return std::unique_ptr<CountingClient>(new CountingClient(std::move(fd)));
 }

@@ -31,6 +31,12 @@ int64_t NowNs();
 // `limit` passed; empty on failure.
 android::base::unique_fd ConnectAbstract(const std::string& name, std::chrono::milliseconds limit);
 
+// Sends every byte, blocking; false when the peer is gone.
+bool SendAll(int fd, const std::string& bytes);
+// `count` event frames around `record`, byte for byte as the service sends
+// them.
+std::string EventFrames(const std::string& record, size_t count);
+
 // Sends a request with `code` for event type `type` and waits for its
 // response; true when the response carries reqId and result 0. Bytes read
 // past the response are appended to *leftover.
@@ -42,6 +48,9 @@ class CountingClient {
 
   // Connects (see ConnectAbstract); null on failure.
   static std::unique_ptr<CountingClient> Connect(const std::string& name);
+  // Reads from a stream socket that is already connected (one end of a
+  // socketpair whose other end the benchmark writes itself).
+  static std::unique_ptr<CountingClient> Adopt(android::base::unique_fd fd);
   // Shuts the socket down and joins the reader.
   ~CountingClient();
 

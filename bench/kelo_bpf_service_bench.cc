@@ -12,7 +12,8 @@
 //    client; processor microseconds of the pipeline's threads per event,
 //    their context switches per event, and the median and 99th percentile
 //    of the delivery latency (record time stamp to the client's receipt).
-//  - Fan-out: the bulk drain to 1, 4 and 16 clients.
+//  - Fan-out: the bulk drain to 1, 4 and 16 clients, beside the transport's
+//    ceiling: ready-made frames written to as many bare socket pairs.
 //  - Idle: wake-ups of every service thread over 10 s with 4 subscribed,
 //    silent clients, and the resident memory those clients cost the service.
 //
@@ -27,7 +28,9 @@
 #include <benchmark/benchmark.h>
 #include <bpf/libbpf.h>
 #include <malloc.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -35,6 +38,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -360,6 +364,67 @@ BENCHMARK(BM_IdleService)
     ->DisplayAggregatesOnly(true)
     ->Unit(benchmark::kMillisecond);
 
+// The transport's ceiling for a fan-out: the benchmark's thread writes
+// ready-made event frames, a full service write buffer at a time, to each of
+// state.range(0) clients over a socket pair, round-robin, as one sender
+// thread serving every connection would at best: nothing is built, queued,
+// copied or woken but by the kernel. Timed until every client counted
+// DRAIN_RECORDS records.
+void BM_FanOutBare(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  std::vector<android::base::unique_fd> writers;
+  std::vector<std::unique_ptr<CountingClient>> clients;
+  for (int i = 0; i < count; ++i) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+      state.SkipWithError("no socket pair");
+      return;
+    }
+    writers.emplace_back(pair[0]);
+    clients.push_back(CountingClient::Adopt(android::base::unique_fd(pair[1])));
+    clients.back()->Start(RECORD_BYTES);
+  }
+  const size_t perWrite = Kelo::Bpf::KELO_BPF_MAX_FRAME_SIZE / EventFrames(Record(), 1).size();
+  const std::string full = EventFrames(Record(), perWrite);
+  const std::string tail = EventFrames(Record(), DRAIN_RECORDS % perWrite);
+  double seconds = 0;
+  for (auto _ : state) {
+    for (auto& client : clients) client->Expect(client->received() + DRAIN_RECORDS);
+    const int64_t start = NowNs();
+    for (uint32_t sent = 0; sent < DRAIN_RECORDS; sent += static_cast<uint32_t>(perWrite)) {
+      const std::string& frames = DRAIN_RECORDS - sent >= perWrite ? full : tail;
+      for (auto& writer : writers) {
+        if (!SendAll(writer.get(), frames)) {
+          state.SkipWithError("a client went away");
+          return;
+        }
+      }
+    }
+    int64_t end = start;
+    for (auto& client : clients) {
+      while (client->completedAtNs() == 0) std::this_thread::sleep_for(WAIT_SLICE);
+      end = std::max(end, client->completedAtNs());
+    }
+    const double elapsed = static_cast<double>(end - start) / NS_PER_SECOND;
+    state.SetIterationTime(elapsed);
+    seconds += elapsed;
+  }
+  const uint64_t records = static_cast<uint64_t>(state.iterations()) * DRAIN_RECORDS;
+  state.counters["records_per_s"] = seconds > 0 ? static_cast<double>(records) / seconds : 0;
+  state.counters["malformed"] = static_cast<double>(std::accumulate(
+      clients.begin(), clients.end(), uint64_t{0}, [](uint64_t sum, const auto& c) { return sum + c->malformed(); }));
+}
+BENCHMARK(BM_FanOutBare)
+    ->ArgName("clients")
+    ->Arg(FAN_OUT[0])
+    ->Arg(FAN_OUT[1])
+    ->Arg(FAN_OUT[2])
+    ->UseManualTime()
+    ->Iterations(DRAIN_ITERATIONS)
+    ->Repetitions(REPETITIONS)
+    ->DisplayAggregatesOnly(true)
+    ->Unit(benchmark::kMillisecond);
+
 // DRAIN_RECORDS records per iteration through each pipeline to
 // state.range(0) clients, in rounds of state.range(1). The time shown is the
 // service's.
@@ -477,6 +542,8 @@ BENCHMARK(BM_Paced)
     ->DisplayAggregatesOnly(true)
     ->Unit(benchmark::kMillisecond);
 
+std::string BareName(int clients) { return "BM_FanOutBare/clients:" + std::to_string(clients); }
+
 std::string DrainName(int clients, uint32_t burst) {
   return "BM_Drain/clients:" + std::to_string(clients) + "/burst:" + std::to_string(burst);
 }
@@ -524,6 +591,11 @@ void PrintSummary(const SummaryReporter& results) {
   printf("  %-44s %-10s %-10s %s\n", "service, each client / one client alone", "1",
          Figure(results.Median(DrainName(4, DRAIN_RECORDS), "service_per_s") / alone).c_str(),
          Figure(results.Median(DrainName(16, DRAIN_RECORDS), "service_per_s") / alone).c_str());
+  const auto socketsAt = [&](int clients) { return results.Median(BareName(clients), "records_per_s"); };
+  printf("  %-44s %-10s %-10s %s\n", "bare sockets, one writer (the ceiling)", Figure(socketsAt(1)).c_str(),
+         Figure(socketsAt(4)).c_str(), Figure(socketsAt(16)).c_str());
+  printf("  %-44s %-10s %-10s %s\n", "bare sockets / service alone", Figure(socketsAt(1) / alone).c_str(),
+         Figure(socketsAt(4) / alone).c_str(), Figure(socketsAt(16) / alone).c_str());
   fan("records lost by the service (target 0)", "service_lost");
   const auto paced = [&](const char* label, const char* counter) {
     Row(label, results.Median(PacedName(10'000), counter), results.Median(PacedName(100'000), counter));
