@@ -126,6 +126,7 @@ DeliveryCost Drain(Delivery* delivery, const std::string& record, uint32_t recor
   const Pipeline& pipeline = delivery->pipeline;
   DeliveryCost cost;
   const ThreadUsage before = SumThreadUsage(pipeline.threadPrefix);
+  const ThreadUsage senderBefore = SumThreadUsage(pipeline.senderThread);
   for (uint32_t done = 0; done < records && !cost.failed; done += burst) {
     const uint32_t round = std::min(burst, records - done);
     // A round starts on an empty ring, so that it holds exactly its records.
@@ -149,6 +150,7 @@ DeliveryCost Drain(Delivery* delivery, const std::string& record, uint32_t recor
     if (!cost.failed) AwaitDelivery(*delivery, expected, start, &cost);
   }
   AddUsage(before, SumThreadUsage(pipeline.threadPrefix), &cost);
+  cost.senderCpuNs = SumThreadUsage(pipeline.senderThread).cpuNs - senderBefore.cpuNs;
   return cost;
 }
 

@@ -49,7 +49,7 @@ struct DeliveryCost {
   uint64_t lost = 0;
   uint64_t cpuNs = 0;
   uint64_t switches = 0;
-  // The share of cpuNs of the sender thread (measured by Paced only).
+  // The share of cpuNs of the sender thread.
   uint64_t senderCpuNs = 0;
   // Median and 99th percentile of the delivery latency over every client's
   // records, from the record's time stamp to its arrival (Paced only).

@@ -448,6 +448,7 @@ void BM_Drain(benchmark::State& state) {
       total[side].seconds += cost.seconds;
       total[side].lost += cost.lost;
       total[side].cpuNs += cost.cpuNs;
+      total[side].senderCpuNs += cost.senderCpuNs;
       total[side].switches += cost.switches;
     }
     ++iteration;
@@ -462,6 +463,7 @@ void BM_Drain(benchmark::State& state) {
     state.counters[name + "_per_s"] = rate[side];
     state.counters[name + "_lost"] = static_cast<double>(total[side].lost);
     state.counters[name + "_cpu_s_per_M"] = PerMillion(total[side].cpuNs, records) / NS_PER_SECOND;
+    state.counters[name + "_sender_cpu_s_per_M"] = PerMillion(total[side].senderCpuNs, records) / NS_PER_SECOND;
     state.counters[name + "_switches_per_M"] = PerMillion(total[side].switches, records);
   }
   state.counters["service_vs_reference"] = rate[SERVICE] / rate[REFERENCE];
@@ -591,6 +593,8 @@ void PrintSummary(const SummaryReporter& results) {
   printf("  %-44s %-10s %-10s %s\n", "service, each client / one client alone", "1",
          Figure(results.Median(DrainName(4, DRAIN_RECORDS), "service_per_s") / alone).c_str(),
          Figure(results.Median(DrainName(16, DRAIN_RECORDS), "service_per_s") / alone).c_str());
+  fan("service CPU s per million records", "service_cpu_s_per_M");
+  fan("of which the sender thread", "service_sender_cpu_s_per_M");
   const auto socketsAt = [&](int clients) { return results.Median(BareName(clients), "records_per_s"); };
   printf("  %-44s %-10s %-10s %s\n", "bare sockets, one writer (the ceiling)", Figure(socketsAt(1)).c_str(),
          Figure(socketsAt(4)).c_str(), Figure(socketsAt(16)).c_str());

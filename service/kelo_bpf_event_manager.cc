@@ -206,7 +206,7 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
       ClientConnection* connection = ConnectionLocked(fd);
       if (connection == nullptr) continue;
       IpcPackageManager& packages = connection->queue;
-      packages.buildAndAppendSecondIpcPackage(IPC_PACKAGE_TYPE_EVENT, data, size);
+      packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
       if (packages.requestSend()) toWake.push_back(fd);
       const size_t depth = packages.getIpcPackageCount();
       if (depth >= PACE_START_DEPTH) {

@@ -2,7 +2,9 @@
 
 #include <android-base/logging.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -86,7 +88,8 @@ void IpcPackageManager::buildAndAppendIpcPackage(const char* data, uint32_t size
   appendPackage(std::move(package), AppendForm::BUILD_AND_APPEND);
 }
 
-void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form, bool front) {
+void IpcPackageManager::trimLocked(AppendForm form, std::optional<std::deque<KeloIpcPackage>>* removed) {
+  if (queued <= IPC_QUEUE_HIGH_WATER) return;
   int errorCode = Kelo::Bpf::ERROR_CODE_QUEUE_FULL_BUILD_AND_APPEND;
   const char* overflowText = "[BuildAndAppendIpc] ipc Package Queue too big: %zu";
   switch (form) {
@@ -105,40 +108,116 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form,
       overflowText = "[AppendRespIpc] ipc Package Queue too big: %zu";
       break;
   }
+  Kelo::Bpf::RecordBpfServiceErrorInfo(
+      errorCode, Kelo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(IPC_QUEUE_HIGH_WATER)));
+  KELO_LOGE(LOG_TAG_UTILS, overflowText, queued);
+  removed->emplace();
+  while (queued > IPC_QUEUE_LOW_WATER) {
+    Entry& entry = queue.front();
+    if (entry.frames == 0) {
+      removed->value().push_back(std::move(entry.package));
+      --queued;
+    } else {
+      // The listener sees a run's packages one by one.
+      size_t at = 0;
+      for (uint32_t i = 0; i < entry.frames; ++i) {
+        uint32_t size = 0;
+        memcpy(&size, entry.run.data() + at, sizeof(size));
+        KeloIpcPackage package;
+        package.size = size;
+        package.data.resize(size);
+        memcpy(package.data.data(), entry.run.data() + at + IPC_FRAME_HEADER_SIZE, size);
+        removed->value().push_back(std::move(package));
+        at += IPC_FRAME_HEADER_SIZE + size;
+      }
+      queued -= entry.frames;
+    }
+    queue.pop_front();
+  }
+}
 
+void IpcPackageManager::reportTrim(const std::optional<std::deque<KeloIpcPackage>>& removed) {
+  if (removed && !removed->empty() && trimListener) trimListener(*removed);
+}
+
+void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form, bool front) {
   // Freed (and shown to the listener) once the lock is let go. Made only
   // by a trim: an empty deque allocates, and this is every append's path.
   std::optional<std::deque<KeloIpcPackage>> removed;
   {
     MutexLock lock(mutex);
-    if (queue.size() > IPC_QUEUE_HIGH_WATER) {
-      Kelo::Bpf::RecordBpfServiceErrorInfo(
-          errorCode, Kelo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(IPC_QUEUE_HIGH_WATER)));
-      KELO_LOGE(LOG_TAG_UTILS, overflowText, queue.size());
-      removed.emplace();
-      while (queue.size() > IPC_QUEUE_LOW_WATER) {
-        removed->push_back(std::move(queue.front()));
-        queue.pop_front();
-      }
-    }
+    trimLocked(form, &removed);
+    Entry entry;
+    entry.package = std::move(package);
     if (front) {
-      queue.push_front(std::move(package));
+      queue.push_front(std::move(entry));
     } else {
-      queue.push_back(std::move(package));
+      queue.push_back(std::move(entry));
     }
-    count.store(queue.size(), std::memory_order_relaxed);
+    ++queued;
+    count.store(queued, std::memory_order_relaxed);
     if (waiters != 0) eventReady.notify_all();
   }
-  if (removed && !removed->empty() && trimListener) trimListener(*removed);
+  reportTrim(removed);
+}
+
+bool IpcPackageManager::appendEventToRun(uint32_t type, const char* data, uint32_t size) {
+  if (type > IPC_PACKAGE_TYPE_MAX) return false;
+  const uint32_t packageSize = SECOND_LEVEL_HEADER_SIZE + size;
+  const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(packageSize);
+  const KeloIpcSecondLevelPackageHeader header{type, size};
+  // The frame's length field and level-2 header, in wire order.
+  char frameHeader[IPC_FRAME_HEADER_SIZE + SECOND_LEVEL_HEADER_SIZE];
+  memcpy(frameHeader, &packageSize, sizeof(packageSize));
+  memcpy(frameHeader + IPC_FRAME_HEADER_SIZE, &header, sizeof(header));
+  std::optional<std::deque<KeloIpcPackage>> removed;
+  {
+    MutexLock lock(mutex);
+    trimLocked(AppendForm::SECOND_LEVEL, &removed);
+    if (queue.empty() || queue.back().frames == 0 || queue.back().run.size() + frameBytes > EVENT_RUN_BYTES) {
+      queue.emplace_back();
+      queue.back().run.reserve(std::max(EVENT_RUN_BYTES, frameBytes));
+    }
+    Entry& run = queue.back();
+    run.run.insert(run.run.end(), frameHeader, frameHeader + sizeof(frameHeader));
+    run.run.insert(run.run.end(), data, data + size);
+    ++run.frames;
+    ++queued;
+    count.store(queued, std::memory_order_relaxed);
+    if (waiters != 0) eventReady.notify_all();
+  }
+  reportTrim(removed);
+  return true;
 }
 
 void IpcPackageManager::popFront() {
+  const uint32_t frames = queue.front().frames;
+  queued -= frames == 0 ? 1 : frames;
   queue.pop_front();
-  count.store(queue.size(), std::memory_order_relaxed);
+  count.store(queued, std::memory_order_relaxed);
 }
 
 bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) {
-  const uint32_t size = queue.front().size;
+  Entry& entry = queue.front();
+  if (entry.frames != 0) {
+    // A run's frames are whole and far below the damaged size; only a buffer
+    // smaller than its first frame can refuse it, which then goes alone.
+    uint32_t size = 0;
+    memcpy(&size, entry.run.data(), sizeof(size));
+    if (FrameFits(size, bufferState->bufferSize())) return false;
+    Kelo::Bpf::RecordBpfServiceErrorInfo(errorCode, errorText);
+    KELO_LOGE(LOG_TAG_UTILS, "The ipc package is too big! remove this package");
+    if (entry.frames == 1) {
+      popFront();
+    } else {
+      entry.run.erase(entry.run.begin(), entry.run.begin() + IPC_FRAME_HEADER_SIZE + size);
+      --entry.frames;
+      --queued;
+      count.store(queued, std::memory_order_relaxed);
+    }
+    return true;
+  }
+  const uint32_t size = entry.package.size;
   if (size >= DAMAGED_PACKAGE_SIZE) {
     KELO_LOGE(LOG_TAG_UTILS, "The ipc package is damaged! remove this package");
     popFront();
@@ -153,30 +232,57 @@ bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int 
   return false;
 }
 
+size_t IpcPackageManager::fillFromRunLocked(BufferState* bufferState) {
+  Entry& entry = queue.front();
+  const size_t free = bufferState->bufferSize() - bufferState->bufferDataCursor;
+  size_t bytes = 0;
+  uint32_t frames = 0;
+  while (frames < entry.frames) {
+    uint32_t size = 0;
+    memcpy(&size, entry.run.data() + bytes, sizeof(size));
+    const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(size);
+    if (frameBytes > free - bytes) break;
+    bytes += frameBytes;
+    ++frames;
+  }
+  if (frames == 0) return 0;
+  CHECK(bufferState->write(entry.run.data(), bytes));
+  if (frames == entry.frames) {
+    popFront();
+  } else {
+    entry.run.erase(entry.run.begin(), entry.run.begin() + static_cast<std::ptrdiff_t>(bytes));
+    entry.frames -= frames;
+    queued -= frames;
+    count.store(queued, std::memory_order_relaxed);
+  }
+  return frames;
+}
+
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
   MutexLock lock(mutex);
-  return fillNextLocked(buffer);
+  return fillNextLocked(buffer) != 0;
 }
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
   MutexLock lock(mutex);
   size_t moved = 0;
-  while (fillNextLocked(buffer)) ++moved;
+  while (const size_t step = fillNextLocked(buffer)) moved += step;
   return moved;
 }
 
-bool IpcPackageManager::fillNextLocked(BufferState* bufferState) {
-  if (queue.empty()) return false;
+size_t IpcPackageManager::fillNextLocked(BufferState* bufferState) {
+  if (queue.empty()) return 0;
   if (dropUnsendableFront(bufferState, Kelo::Bpf::ERROR_CODE_OVERSIZED_SINGLE_FILL,
                           "fillNextIpcPackageToBuffer ipc package damaged")) {
-    return false;
+    return 0;
   }
-  const KeloIpcPackage& ipcPackage = queue.front();
-  if (!FrameFits(ipcPackage.size, bufferState->bufferSize() - bufferState->bufferDataCursor)) return false;
+  if (queue.front().frames != 0) return fillFromRunLocked(bufferState);
+  const KeloIpcPackage& ipcPackage = queue.front().package;
+  if (!FrameFits(ipcPackage.size, bufferState->bufferSize() - bufferState->bufferDataCursor)) return 0;
   CHECK(bufferState->write(ipcPackage.size));
   CHECK(bufferState->write(ipcPackage.data));
   popFront();
-  return true;
+  return 1;
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
@@ -184,7 +290,14 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
   MutexLock lock(mutex);
   if (queue.empty()) return false;
   while (!queue.empty()) {
-    const KeloIpcPackage& ipcPackage = queue.front();
+    if (queue.front().frames != 0) {
+      const size_t entries = queue.size();
+      fillFromRunLocked(bufferState);
+      // The run stays at the front: its next frame did not fit.
+      if (queue.size() == entries) break;
+      continue;
+    }
+    const KeloIpcPackage& ipcPackage = queue.front().package;
     if (!FrameFits(ipcPackage.size, bufferState->bufferSize() - bufferState->bufferDataCursor)) break;
     CHECK(bufferState->write(ipcPackage.size));
     CHECK(bufferState->write(ipcPackage.data));

@@ -12,6 +12,13 @@
 // queue's lock is taken, so the critical section is the trim and one push.
 // Trimmed packages are freed, and shown to the queue's trim listener, after
 // the lock is let go.
+//
+// Events appended with appendEventToRun are framed straight into a run at
+// the queue's tail: one buffer of up to EVENT_RUN_BYTES of consecutive whole
+// frames, which the sender copies into its buffer with one copy. A run is
+// one entry of the queue but counts as the packages it holds, towards the
+// bound and in getIpcPackageCount; a trim takes whole entries and shows the
+// listener a run's packages one by one.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -22,12 +29,16 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
+#include <vector>
 
 #include "utils/kelo_bpf_ipc_package.h"
 #include "utils/kelo_bpf_mutex.h"
 
 inline constexpr size_t IPC_QUEUE_HIGH_WATER = 10000;
 inline constexpr size_t IPC_QUEUE_LOW_WATER = 5000;
+// Bytes of frames one run of events holds at most.
+inline constexpr size_t EVENT_RUN_BYTES = 8192;
 
 class IpcPackageManager {
  public:
@@ -46,6 +57,9 @@ class IpcPackageManager {
   // Queues a level-2 package of `type` around `size` bytes of payload; false
   // and nothing queued when type is above IPC_PACKAGE_TYPE_MAX.
   bool buildAndAppendSecondIpcPackage(uint32_t type, const char* data, uint32_t size);
+  // As buildAndAppendSecondIpcPackage, framed into the run at the queue's
+  // tail (a new run when the tail is a package or has no room).
+  bool appendEventToRun(uint32_t type, const char* data, uint32_t size);
   // Queues `size` bytes that already form a level-2 package.
   void buildAndAppendIpcPackage(const char* data, uint32_t size);
   // As buildAndAppendSecondIpcPackage, but ahead of everything queued: the
@@ -57,10 +71,11 @@ class IpcPackageManager {
   // between threads.
   void setTrimListener(TrimListener listener) { trimListener = std::move(listener); }
 
-  // Moves the oldest package into `buffer` if it fits in the free space.
-  // False when the queue is empty, when there is no room yet (the package
-  // stays) or when the package can never fit the buffer (it is removed and
-  // error code 8 recorded).
+  // Moves the oldest package into `buffer` if it fits in the free space (of
+  // a run at the front: as many of its packages as fit, in one copy). False
+  // when the queue is empty, when there is no room yet (the package stays)
+  // or when the package can never fit the buffer (it is removed and error
+  // code 8 recorded).
   bool fillNextIpcPackageToBuffer(BufferState* buffer);
   // Calls fillNextIpcPackageToBuffer until it returns false, taking the lock
   // once for the whole run; the number of packages moved.
@@ -99,23 +114,40 @@ class IpcPackageManager {
  private:
   // The four append forms differ only in their error-log code and log text.
   enum class AppendForm { BUILD_AND_APPEND, SECOND_LEVEL, REQUEST, RESPONSE };
+  // One entry of the queue: a package, or (frames != 0) a run of events.
+  struct Entry {
+    KeloIpcPackage package;
+    std::vector<char> run;
+    uint32_t frames = 0;
+  };
   void appendPackage(KeloIpcPackage&& package, AppendForm form, bool front = false) EXCLUDES(mutex);
+  // Trims the queue when it holds more than IPC_QUEUE_HIGH_WATER packages,
+  // moving what it removes into *removed (made on a trim only).
+  void trimLocked(AppendForm form, std::optional<std::deque<KeloIpcPackage>>* removed) REQUIRES(mutex);
+  // Shows the listener what a trim removed; outside the lock.
+  void reportTrim(const std::optional<std::deque<KeloIpcPackage>>& removed);
   static KeloIpcPackage SerialiseSecondLevel(uint32_t type, const char* data, uint32_t size);
   // Removes the front package when it can never be sent through `bufferState`;
   // true if it did.
   bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) REQUIRES(mutex);
   void popFront() REQUIRES(mutex);
-  // One step of fillNextIpcPackageToBuffer.
-  bool fillNextLocked(BufferState* bufferState) REQUIRES(mutex);
+  // Moves the whole frames at the start of the front run that fit the free
+  // space of `bufferState`, dropping the run once it is empty; the number
+  // moved.
+  size_t fillFromRunLocked(BufferState* bufferState) REQUIRES(mutex);
+  // One step of fillNextIpcPackageToBuffer: the number of packages moved.
+  size_t fillNextLocked(BufferState* bufferState) REQUIRES(mutex);
 
   // Guards the queue.
   Kelo::Bpf::Mutex mutex;
-  std::deque<KeloIpcPackage> queue GUARDED_BY(mutex);
+  std::deque<Entry> queue GUARDED_BY(mutex);
+  // Packages in the queue, a run's counted one by one.
+  size_t queued GUARDED_BY(mutex) = 0;
   // Signalled on every append that finds a waiter.
   std::condition_variable eventReady;
   // Threads in waitEventReady; an append with none spares the signal.
   size_t waiters GUARDED_BY(mutex) = 0;
-  // queue.size(), readable without the lock.
+  // queued, readable without the lock.
   std::atomic<size_t> count{0};
   // A producer has asked the sender for a write that it has not begun yet.
   std::atomic<bool> sendRequested{false};

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <thread>
@@ -164,6 +165,69 @@ TEST_F(IpcPackageManagerTest, BatchedDrainStopsWhereTheOneByOneLoopStops) {
   EXPECT_EQ(batched[0].code8, 1);
   EXPECT_EQ(batched[1].contents, Frame(2, "a") + Frame(2, filler));
   EXPECT_EQ(batched[2].left, 1u);
+}
+
+// Events framed into runs reach the wire as the same frames, in queue order
+// with the packages around them, counted one by one, split where the buffer
+// runs out of room and shown one by one to the listener of a trim.
+TEST_F(IpcPackageManagerTest, RunsOfEventsKeepEveryPackagesPlaceAndCount) {
+  const auto event = [](int n) { return "event-" + std::to_string(n); };
+  KeloReqIpcPackage req{9, 50, 0, nullptr};
+  for (int n = 0; n < 3; ++n) ASSERT_TRUE(queue.appendEventToRun(3, event(n).data(), event(n).size()));
+  queue.appendReqIpcPackage(&req);
+  for (int n = 3; n < 5; ++n) queue.appendEventToRun(3, event(n).data(), event(n).size());
+  EXPECT_TRUE(queue.buildAndPushFrontSecondIpcPackage(3, "front", 5));
+  EXPECT_FALSE(queue.appendEventToRun(4, "x", 1)) << "type above 3";
+  EXPECT_EQ(queue.getIpcPackageCount(), 7u);
+
+  // Room for the front package and one and a half events: the run gives
+  // its first whole frame and keeps the rest.
+  const size_t eventFrame = Frame(3, event(0)).size();
+  buffer.bufferDataCursor = BUFFER_SIZE - Frame(3, "front").size() - eventFrame - eventFrame / 2;
+  const size_t start = buffer.bufferDataCursor;
+  EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
+  EXPECT_EQ(std::string(buffer.buffer.data() + start, buffer.bufferDataCursor - start),
+            Frame(3, "front") + Frame(3, event(0)));
+  EXPECT_EQ(queue.getIpcPackageCount(), 5u);
+  buffer.clear();
+  EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(contents(), Frame(3, event(1)) + Frame(3, event(2)) + Frame(0, U32(9) + U32(50) + U32(0)) +
+                            Frame(3, event(3)) + Frame(3, event(4)));
+  EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+
+  // Many runs' worth, drained through a full buffer several times over.
+  std::string expected;
+  for (int n = 0; n < 5000; ++n) {
+    queue.appendEventToRun(3, event(n).data(), event(n).size());
+    expected += Frame(3, event(n));
+  }
+  std::string wire;
+  while (queue.getIpcPackageCount() != 0) {
+    buffer.clear();
+    ASSERT_GT(queue.fillNextIpcPackagesToBuffer(&buffer), 0u);
+    wire += contents();
+  }
+  EXPECT_EQ(wire, expected);
+
+  // A trim takes whole runs from the front; the listener sees each package.
+  std::vector<std::string> removed;
+  IpcPackageManager trimmed;
+  trimmed.setTrimListener([&removed](const std::deque<KeloIpcPackage>& packages) {
+    for (const KeloIpcPackage& package : packages) removed.emplace_back(package.data.data(), package.size);
+  });
+  for (int n = 0; n <= static_cast<int>(IPC_QUEUE_HIGH_WATER) + 1; ++n) {
+    trimmed.appendEventToRun(3, event(n).data(), event(n).size());
+  }
+  ASSERT_GE(removed.size(), IPC_QUEUE_HIGH_WATER - IPC_QUEUE_LOW_WATER);
+  EXPECT_EQ(trimmed.getIpcPackageCount() + removed.size(), IPC_QUEUE_HIGH_WATER + 2);
+  for (size_t n = 0; n < removed.size(); ++n) {
+    ASSERT_EQ(removed[n], Frame(3, event(static_cast<int>(n))).substr(4)) << n;
+  }
+  EXPECT_EQ(ErrorLogCount(4), 1);
+  buffer.clear();
+  trimmed.fillNextIpcPackagesToBuffer(&buffer);
+  const std::string oldestKept = Frame(3, event(static_cast<int>(removed.size())));
+  EXPECT_EQ(contents().substr(0, oldestKept.size()), oldestKept);
 }
 
 TEST_F(IpcPackageManagerTest, PackageWaitsForRoomAndWaitersForPackages) {
