@@ -109,6 +109,7 @@ IpcPackageManager* EventManager::OpenConnection(int fd, IpcPackageManager::TrimL
   if (!connection) {
     connection = std::make_unique<ClientConnection>();
     connection->queue.setTrimListener(std::move(onTrim));
+    connection->serial = ++connectionsOpened;
   }
   return &connection->queue;
 }
@@ -200,24 +201,29 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
     MutexLock lock(keloRawEventManagerLock);
     auto subscribers = observersByType.find(type);
     if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
+    DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
     for (int fd : subscribers->second) {
       // A subscriber that is no connection (the registry was told of the
       // subscription by someone other than the endpoint) has nowhere to go.
       ClientConnection* connection = ConnectionLocked(fd);
       if (connection == nullptr) continue;
       IpcPackageManager& packages = connection->queue;
-      packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
-      if (packages.requestSend()) toWake.push_back(fd);
-      const size_t depth = packages.getIpcPackageCount();
+      size_t depth = packages.getIpcPackageCount();
+      if (deferred != nullptr) {
+        depth += deferred->Stage(fd, connection->serial, data, size);
+      } else {
+        packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
+        if (packages.requestSend()) toWake.push_back(fd);
+        ++depth;
+      }
       if (depth >= PACE_START_DEPTH) {
         if (stalledSenders.count(fd) == 0 && pacedConnections.count(fd) != 0) crowded.push_back(fd);
       } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
         stalledSenders.erase(fd);
       }
     }
-    DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
     if (deferred != nullptr) {
-      deferred->Collect(toWake);
+      deferred->CountEvent();
     } else if (!toWake.empty()) {
       // Every package of the event is queued before the first connection is
       // told.
@@ -244,22 +250,33 @@ void EventManager::CancelSendRequestLocked(int fd) {
   if (connection != nullptr) connection->queue.cancelSendRequest();
 }
 
-void EventManager::WakeSenders(const std::vector<int>& fds) {
-  thread_local std::vector<int> connected;
-  connected.clear();
+void EventManager::AppendStaged(std::vector<StagedFrames>* staged) {
+  thread_local std::vector<int> toWake;
+  toWake.clear();
   SenderWaker waker;
   {
     MutexLock lock(keloRawEventManagerLock);
-    // A connection that closed since its packages were queued has nothing
-    // left to send.
-    for (int fd : fds) {
-      if (connections.count(fd) != 0) connected.push_back(fd);
+    for (auto entry = staged->begin(); entry != staged->end();) {
+      ClientConnection* connection = ConnectionLocked(entry->fd);
+      // A connection that closed since its frames were staged has nothing
+      // left to send, and a new one on its descriptor gets none of them.
+      if (connection == nullptr || connection->serial != entry->serial) {
+        entry = staged->erase(entry);
+        continue;
+      }
+      if (entry->count != 0) {
+        connection->queue.appendFramesToRun(entry->frames.data(), entry->frames.size(), entry->count);
+        if (connection->queue.requestSend()) toWake.push_back(entry->fd);
+        entry->frames.clear();
+        entry->count = 0;
+      }
+      ++entry;
     }
     waker = senderWaker;
   }
-  if (connected.empty()) return;
+  if (toWake.empty()) return;
   // Woken outside the lock, so that producers are not held up meanwhile.
-  const std::vector<int> failed = waker ? waker(connected) : connected;
+  const std::vector<int> failed = waker ? waker(toWake) : toWake;
   if (failed.empty()) return;
   MutexLock lock(keloRawEventManagerLock);
   for (int fd : failed) CancelSendRequestLocked(fd);
@@ -274,18 +291,32 @@ DeferredWakeups::~DeferredWakeups() {
 
 DeferredWakeups* DeferredWakeups::OfThisThread() { return deferredWakeups; }
 
-void DeferredWakeups::Collect(const std::vector<int>& fds) {
-  for (int fd : fds) {
-    if (std::find(fds_.begin(), fds_.end(), fd) == fds_.end()) fds_.push_back(fd);
+uint32_t DeferredWakeups::Stage(int fd, uint64_t serial, const char* record, uint32_t size) {
+  auto entry = std::find_if(staged_.begin(), staged_.end(), [fd](const StagedFrames& s) { return s.fd == fd; });
+  if (entry == staged_.end()) {
+    staged_.emplace_back();
+    entry = staged_.end() - 1;
+    entry->fd = fd;
+    entry->serial = serial;
+  } else if (entry->serial != serial) {
+    entry->frames.clear();
+    entry->count = 0;
+    entry->serial = serial;
   }
-  ++events_;
+  const uint32_t packageSize = sizeof(KeloIpcSecondLevelPackageHeader) + size;
+  const KeloIpcSecondLevelPackageHeader header{IPC_PACKAGE_TYPE_EVENT, size};
+  char frameHeader[sizeof(packageSize) + sizeof(header)];
+  memcpy(frameHeader, &packageSize, sizeof(packageSize));
+  memcpy(frameHeader + sizeof(packageSize), &header, sizeof(header));
+  entry->frames.append(frameHeader, sizeof(frameHeader));
+  entry->frames.append(record, size);
+  return ++entry->count;
 }
 
 void DeferredWakeups::Flush() {
   events_ = 0;
-  if (fds_.empty()) return;
-  EventManager::GetInstance()->WakeSenders(fds_);
-  fds_.clear();
+  if (staged_.empty()) return;
+  EventManager::GetInstance()->AppendStaged(&staged_);
 }
 
 }  // namespace Bpf

@@ -28,6 +28,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "utils/kelo_bpf_ipc_package_manager.h"
@@ -40,6 +41,18 @@ namespace Bpf {
 struct ClientConnection {
   // Everything on its way to the client, in order.
   IpcPackageManager queue;
+  // Tells this connection from earlier ones on the same descriptor.
+  uint64_t serial = 0;
+};
+
+// Event frames that a publisher with a DeferredWakeups holds for one
+// connection until its next flush.
+struct StagedFrames {
+  int fd = -1;
+  uint64_t serial = 0;
+  // Whole frames, back to back, as they go on the wire.
+  std::string frames;
+  uint32_t count = 0;
 };
 
 // Package type under which events travel to clients, the record as payload.
@@ -104,9 +117,11 @@ class EventManager {
   // Times a publisher waited for a paced connection's sender.
   uint64_t PacingWaits() const { return pacingWaits.load(std::memory_order_relaxed); }
 
-  // Wakes the senders of `fds` that still have a queue (the connections
-  // collected by a DeferredWakeups).
-  void WakeSenders(const std::vector<int>& fds) EXCLUDES(keloRawEventManagerLock);
+  // Queues the frames staged by a DeferredWakeups for the connections that
+  // are still those they were staged for, empties the entries (dropping
+  // those of connections gone) and wakes the senders that have no wake-up
+  // pending.
+  void AppendStaged(std::vector<StagedFrames>* staged) EXCLUDES(keloRawEventManagerLock);
 
   // Asks each connection's sender to write; returns the connections that
   // could not be asked. Called with keloRawEventManagerLock held.
@@ -151,6 +166,8 @@ class EventManager {
   void EraseObserverLocked(int fd) REQUIRES(keloRawEventManagerLock);
 
   std::map<int, std::unique_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
+  // Connections opened so far; the serial of the next.
+  uint64_t connectionsOpened GUARDED_BY(keloRawEventManagerLock) = 0;
   SenderWaker senderWaker GUARDED_BY(keloRawEventManagerLock);
   // Types each connection subscribed to, in subscription order, no duplicates.
   std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
@@ -167,20 +184,21 @@ class EventManager {
   static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
 };
 
-// While one lives on a thread, the AppendEvent calls of that thread leave the
-// waking of senders to it: the connections to wake are collected and woken
-// at Flush, which a ring-buffer pump calls after every poll, and on its own
+// While one lives on a thread, the AppendEvent calls of that thread stage
+// their events instead of queueing them: each connection's frames are
+// gathered back to back and queued as one block, and its sender woken, at
+// Flush, which a ring-buffer pump calls after every poll, and on its own
 // every WAKE_BATCH_EVENTS events and before the publisher waits for a
-// crowded sender. A burst of records then wakes each sender once per batch
-// instead of whenever it has just drained its queue, and the sender fills
-// its buffer with many records per send. Not shared between threads; at most
-// one per thread.
+// crowded sender. A burst of records then costs each connection one queue
+// append and one wake-up per batch instead of one per record, and the
+// sender fills its buffer with many records per send. Not shared between
+// threads; at most one per thread.
 class DeferredWakeups {
  public:
   static constexpr int WAKE_BATCH_EVENTS = 256;
 
   DeferredWakeups();
-  // Wakes whatever is still collected.
+  // Queues and wakes whatever is still staged.
   ~DeferredWakeups();
   DeferredWakeups(const DeferredWakeups&) = delete;
   DeferredWakeups& operator=(const DeferredWakeups&) = delete;
@@ -188,15 +206,20 @@ class DeferredWakeups {
   // The instance living on the calling thread, or null.
   static DeferredWakeups* OfThisThread();
 
-  // Adds fds to the connections to wake, counting one event.
-  void Collect(const std::vector<int>& fds);
-  // Whether WAKE_BATCH_EVENTS events were collected since the last Flush.
+  // Stages one event frame of `size` bytes of record for connection fd
+  // (serial `serial`); the number of frames now staged for it. Frames
+  // staged for an earlier connection on fd are dropped: it closed.
+  uint32_t Stage(int fd, uint64_t serial, const char* record, uint32_t size);
+  // Counts one published event.
+  void CountEvent() { ++events_; }
+  // Whether WAKE_BATCH_EVENTS events were published since the last Flush.
   bool Due() const { return events_ >= WAKE_BATCH_EVENTS; }
-  // Wakes the collected connections.
+  // Queues the staged frames and wakes their senders.
   void Flush();
 
  private:
-  std::vector<int> fds_;
+  // One entry per connection published to; emptied, not removed, by a flush.
+  std::vector<StagedFrames> staged_;
   int events_ = 0;
 };
 

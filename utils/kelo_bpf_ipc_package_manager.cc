@@ -164,30 +164,39 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form,
 bool IpcPackageManager::appendEventToRun(uint32_t type, const char* data, uint32_t size) {
   if (type > IPC_PACKAGE_TYPE_MAX) return false;
   const uint32_t packageSize = SECOND_LEVEL_HEADER_SIZE + size;
-  const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(packageSize);
   const KeloIpcSecondLevelPackageHeader header{type, size};
   // The frame's length field and level-2 header, in wire order.
   char frameHeader[IPC_FRAME_HEADER_SIZE + SECOND_LEVEL_HEADER_SIZE];
   memcpy(frameHeader, &packageSize, sizeof(packageSize));
   memcpy(frameHeader + IPC_FRAME_HEADER_SIZE, &header, sizeof(header));
+  appendToRun(frameHeader, sizeof(frameHeader), data, size, 1);
+  return true;
+}
+
+void IpcPackageManager::appendFramesToRun(const char* frames, size_t bytes, uint32_t frameCount) {
+  if (frameCount != 0) appendToRun(frames, bytes, nullptr, 0, frameCount);
+}
+
+void IpcPackageManager::appendToRun(const char* head, size_t headBytes, const char* tail, size_t tailBytes,
+                                    uint32_t frameCount) {
+  const size_t bytes = headBytes + tailBytes;
   std::optional<std::deque<KeloIpcPackage>> removed;
   {
     MutexLock lock(mutex);
     trimLocked(AppendForm::SECOND_LEVEL, &removed);
-    if (queue.empty() || queue.back().frames == 0 || queue.back().run.size() + frameBytes > EVENT_RUN_BYTES) {
+    if (queue.empty() || queue.back().frames == 0 || queue.back().run.size() + bytes > EVENT_RUN_BYTES) {
       queue.emplace_back();
-      queue.back().run.reserve(std::max(EVENT_RUN_BYTES, frameBytes));
+      queue.back().run.reserve(std::max(EVENT_RUN_BYTES, bytes));
     }
     Entry& run = queue.back();
-    run.run.insert(run.run.end(), frameHeader, frameHeader + sizeof(frameHeader));
-    run.run.insert(run.run.end(), data, data + size);
-    ++run.frames;
-    ++queued;
+    run.run.insert(run.run.end(), head, head + headBytes);
+    if (tailBytes != 0) run.run.insert(run.run.end(), tail, tail + tailBytes);
+    run.frames += frameCount;
+    queued += frameCount;
     count.store(queued, std::memory_order_relaxed);
     if (waiters != 0) eventReady.notify_all();
   }
   reportTrim(removed);
-  return true;
 }
 
 void IpcPackageManager::popFront() {

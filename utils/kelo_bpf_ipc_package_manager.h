@@ -60,6 +60,9 @@ class IpcPackageManager {
   // As buildAndAppendSecondIpcPackage, framed into the run at the queue's
   // tail (a new run when the tail is a package or has no room).
   bool appendEventToRun(uint32_t type, const char* data, uint32_t size);
+  // Queues `frameCount` whole frames that `frames` holds back to back
+  // (`bytes` in all) into the run at the queue's tail, or as a new run.
+  void appendFramesToRun(const char* frames, size_t bytes, uint32_t frameCount);
   // Queues `size` bytes that already form a level-2 package.
   void buildAndAppendIpcPackage(const char* data, uint32_t size);
   // As buildAndAppendSecondIpcPackage, but ahead of everything queued: the
@@ -121,6 +124,10 @@ class IpcPackageManager {
     uint32_t frames = 0;
   };
   void appendPackage(KeloIpcPackage&& package, AppendForm form, bool front = false) EXCLUDES(mutex);
+  // Appends `head` then `tail` (either may be empty), holding `frameCount`
+  // frames, to the tail run or a new one.
+  void appendToRun(const char* head, size_t headBytes, const char* tail, size_t tailBytes, uint32_t frameCount)
+      EXCLUDES(mutex);
   // Trims the queue when it holds more than IPC_QUEUE_HIGH_WATER packages,
   // moving what it removes into *removed (made on a trim only).
   void trimLocked(AppendForm form, std::optional<std::deque<KeloIpcPackage>>* removed) REQUIRES(mutex);

@@ -129,10 +129,11 @@ TEST_F(ClientTest, APacedReadingClientLosesNothingOfABurstBeyondTheQueueBoundWhi
   publisher.join();
 }
 
-// A pump publishes with its wake-ups deferred: senders are told at each
-// flush and every WAKE_BATCH_EVENTS events, a burst beyond the queue bound
-// still reaches a reading client whole, and a connection gone meanwhile is
-// skipped.
+// A pump publishes with its events staged: they are queued and their
+// senders told at each flush and every WAKE_BATCH_EVENTS events, a burst
+// beyond the queue bound still reaches a reading client whole, and what was
+// staged for a connection gone meanwhile goes to nobody, not to a new
+// connection on its descriptor.
 TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
   ASSERT_EQ(client.Ask(2, REQ_SET_PACING, 1), 0);
@@ -159,12 +160,22 @@ TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
     wakeups.Flush();
     reader.join();
 
+    const std::set<std::string> connected = SocketFds();
     kelo_test::LogCapture log;
-    Publish(4);
+    Publish(4, "stale");
     client.Close();
     EXPECT_TRUE(kelo_test::WaitUntil([] { return SocketFds().size() == 1; }));
+    // A new connection on the same descriptor gets nothing staged for the
+    // one before it.
+    Client next;
+    ASSERT_TRUE(next.Connect());
+    ASSERT_EQ(next.Ask(3, REQ_ADD_OBSERVER_EVENT, 4), 0);
+    ASSERT_EQ(SocketFds(), connected);
     wakeups.Flush();
     EXPECT_FALSE(log.contains("the socket fd does not exist"));
+    const std::string fresh = Publish(4, "fresh");
+    wakeups.Flush();
+    next.ExpectEvent(fresh);
   }).join();
 }
 
