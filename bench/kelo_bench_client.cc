@@ -61,8 +61,8 @@ bool SendAll(int fd, const std::string& bytes) {
 std::string EventFrames(const std::string& record, size_t count) {
   std::string frame;
   Append(&frame, static_cast<uint32_t>(SECOND_HEADER_BYTES + record.size()));
-  Append(&frame, KeloIpcSecondLevelPackageHeader{Kelo::Bpf::IPC_PACKAGE_TYPE_EVENT,
-                                                 static_cast<uint32_t>(record.size())});
+  Append(&frame,
+         KeloIpcSecondLevelPackageHeader{Kelo::Bpf::IPC_PACKAGE_TYPE_EVENT, static_cast<uint32_t>(record.size())});
   frame += record;
   std::string frames;
   frames.reserve(frame.size() * count);
