@@ -303,12 +303,9 @@ uint32_t DeferredWakeups::Stage(int fd, uint64_t serial, const char* record, uin
     entry->count = 0;
     entry->serial = serial;
   }
-  const uint32_t packageSize = sizeof(KeloIpcSecondLevelPackageHeader) + size;
-  const KeloIpcSecondLevelPackageHeader header{IPC_PACKAGE_TYPE_EVENT, size};
-  char frameHeader[sizeof(packageSize) + sizeof(header)];
-  memcpy(frameHeader, &packageSize, sizeof(packageSize));
-  memcpy(frameHeader + sizeof(packageSize), &header, sizeof(header));
-  entry->frames.append(frameHeader, sizeof(frameHeader));
+  char prefix[IPC_FRAME_PREFIX_SIZE];
+  WriteFramePrefix(IPC_PACKAGE_TYPE_EVENT, size, prefix);
+  entry->frames.append(prefix, sizeof(prefix));
   entry->frames.append(record, size);
   return ++entry->count;
 }

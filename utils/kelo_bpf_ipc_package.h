@@ -32,6 +32,18 @@ struct KeloIpcSecondLevelPackageHeader {
 static_assert(sizeof(KeloIpcSecondLevelPackageHeader) == 8 && offsetof(KeloIpcSecondLevelPackageHeader, size) == 4,
               "wire layout");
 
+// What goes on the wire in front of a level-2 package's payload: the frame's
+// length field and the level-2 header.
+inline constexpr size_t IPC_FRAME_PREFIX_SIZE = IPC_FRAME_HEADER_SIZE + sizeof(KeloIpcSecondLevelPackageHeader);
+
+// Writes the prefix of a frame carrying `size` payload bytes of package `type`.
+inline void WriteFramePrefix(uint32_t type, uint32_t size, char (&out)[IPC_FRAME_PREFIX_SIZE]) {
+  const uint32_t packageSize = static_cast<uint32_t>(sizeof(KeloIpcSecondLevelPackageHeader)) + size;
+  const KeloIpcSecondLevelPackageHeader header{type, size};
+  memcpy(out, &packageSize, sizeof(packageSize));
+  memcpy(out + IPC_FRAME_HEADER_SIZE, &header, sizeof(header));
+}
+
 // Header at the start of a request or response payload. The second word is
 // the request code in a request and the signed result in a response.
 struct KeloReqIpcPackageHeader {

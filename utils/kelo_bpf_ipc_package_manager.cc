@@ -163,13 +163,9 @@ void IpcPackageManager::appendPackage(KeloIpcPackage&& package, AppendForm form,
 
 bool IpcPackageManager::appendEventToRun(uint32_t type, const char* data, uint32_t size) {
   if (type > IPC_PACKAGE_TYPE_MAX) return false;
-  const uint32_t packageSize = SECOND_LEVEL_HEADER_SIZE + size;
-  const KeloIpcSecondLevelPackageHeader header{type, size};
-  // The frame's length field and level-2 header, in wire order.
-  char frameHeader[IPC_FRAME_HEADER_SIZE + SECOND_LEVEL_HEADER_SIZE];
-  memcpy(frameHeader, &packageSize, sizeof(packageSize));
-  memcpy(frameHeader + IPC_FRAME_HEADER_SIZE, &header, sizeof(header));
-  appendToRun(frameHeader, sizeof(frameHeader), data, size, 1);
+  char prefix[IPC_FRAME_PREFIX_SIZE];
+  WriteFramePrefix(type, size, prefix);
+  appendToRun(prefix, sizeof(prefix), data, size, 1);
   return true;
 }
 
