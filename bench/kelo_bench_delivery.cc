@@ -127,6 +127,7 @@ DeliveryCost Drain(Delivery* delivery, const std::string& record, uint32_t recor
   DeliveryCost cost;
   const ThreadUsage before = SumThreadUsage(pipeline.threadPrefix);
   const ThreadUsage senderBefore = SumThreadUsage(pipeline.senderThread);
+  const ThreadUsage clientsBefore = SumThreadUsage(CountingClient::THREAD_NAME);
   for (uint32_t done = 0; done < records && !cost.failed; done += burst) {
     const uint32_t round = std::min(burst, records - done);
     // A round starts on an empty ring, so that it holds exactly its records.
@@ -151,6 +152,7 @@ DeliveryCost Drain(Delivery* delivery, const std::string& record, uint32_t recor
   }
   AddUsage(before, SumThreadUsage(pipeline.threadPrefix), &cost);
   cost.senderCpuNs = SumThreadUsage(pipeline.senderThread).cpuNs - senderBefore.cpuNs;
+  cost.clientCpuNs = SumThreadUsage(CountingClient::THREAD_NAME).cpuNs - clientsBefore.cpuNs;
   return cost;
 }
 

@@ -51,6 +51,8 @@ struct DeliveryCost {
   uint64_t switches = 0;
   // The share of cpuNs of the sender thread.
   uint64_t senderCpuNs = 0;
+  // What the pipeline's clients spent reading (Drain only).
+  uint64_t clientCpuNs = 0;
   // Median and 99th percentile of the delivery latency over every client's
   // records, from the record's time stamp to its arrival (Paced only).
   int64_t latencyP50Ns = 0;

@@ -366,10 +366,11 @@ BENCHMARK(BM_IdleService)
 
 // The transport's ceiling for a fan-out: the benchmark's thread writes
 // ready-made event frames, a full service write buffer at a time, to each of
-// state.range(0) clients over a socket pair, round-robin, as one sender
-// thread serving every connection would at best: nothing is built, queued,
-// copied or woken but by the kernel. Timed until every client counted
-// DRAIN_RECORDS records.
+// state.range(0) clients over a socket pair with the service's send buffer
+// size, round-robin, as one sender thread serving every connection would at
+// best: nothing is built, queued, copied or woken but by the kernel. Timed
+// until every client counted DRAIN_RECORDS records; the CPU is the writer's
+// and the clients'.
 void BM_FanOutBare(benchmark::State& state) {
   const int count = static_cast<int>(state.range(0));
   std::vector<android::base::unique_fd> writers;
@@ -381,6 +382,11 @@ void BM_FanOutBare(benchmark::State& state) {
       return;
     }
     writers.emplace_back(pair[0]);
+    const int sendBuffer = static_cast<int>(Kelo::Bpf::KELO_BPF_MAX_FRAME_SIZE);
+    if (setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer)) != 0) {
+      state.SkipWithError("no send buffer size");
+      return;
+    }
     clients.push_back(CountingClient::Adopt(android::base::unique_fd(pair[1])));
     clients.back()->Start(RECORD_BYTES);
   }
@@ -388,6 +394,10 @@ void BM_FanOutBare(benchmark::State& state) {
   const std::string full = EventFrames(Record(), perWrite);
   const std::string tail = EventFrames(Record(), DRAIN_RECORDS % perWrite);
   double seconds = 0;
+  const auto usage = [] {
+    return SumThreadUsage(MAIN_THREAD_NAME).cpuNs + SumThreadUsage(CountingClient::THREAD_NAME).cpuNs;
+  };
+  const uint64_t cpuBefore = usage();
   for (auto _ : state) {
     for (auto& client : clients) client->Expect(client->received() + DRAIN_RECORDS);
     const int64_t start = NowNs();
@@ -411,6 +421,7 @@ void BM_FanOutBare(benchmark::State& state) {
   }
   const uint64_t records = static_cast<uint64_t>(state.iterations()) * DRAIN_RECORDS;
   state.counters["records_per_s"] = seconds > 0 ? static_cast<double>(records) / seconds : 0;
+  state.counters["cpu_s_per_M"] = PerMillion(usage() - cpuBefore, records) / NS_PER_SECOND;
   state.counters["malformed"] = static_cast<double>(std::accumulate(
       clients.begin(), clients.end(), uint64_t{0}, [](uint64_t sum, const auto& c) { return sum + c->malformed(); }));
 }
@@ -449,6 +460,7 @@ void BM_Drain(benchmark::State& state) {
       total[side].lost += cost.lost;
       total[side].cpuNs += cost.cpuNs;
       total[side].senderCpuNs += cost.senderCpuNs;
+      total[side].clientCpuNs += cost.clientCpuNs;
       total[side].switches += cost.switches;
     }
     ++iteration;
@@ -465,6 +477,7 @@ void BM_Drain(benchmark::State& state) {
     state.counters[name + "_cpu_s_per_M"] = PerMillion(total[side].cpuNs, records) / NS_PER_SECOND;
     state.counters[name + "_sender_cpu_s_per_M"] = PerMillion(total[side].senderCpuNs, records) / NS_PER_SECOND;
     state.counters[name + "_switches_per_M"] = PerMillion(total[side].switches, records);
+    state.counters[name + "_clients_cpu_s_per_M"] = PerMillion(total[side].clientCpuNs, records) / NS_PER_SECOND;
   }
   state.counters["service_vs_reference"] = rate[SERVICE] / rate[REFERENCE];
   state.counters["malformed"] = static_cast<double>(Malformed(*sides[REFERENCE]) + Malformed(*sides[SERVICE]));
@@ -595,9 +608,15 @@ void PrintSummary(const SummaryReporter& results) {
          Figure(results.Median(DrainName(16, DRAIN_RECORDS), "service_per_s") / alone).c_str());
   fan("service CPU s per million records", "service_cpu_s_per_M");
   fan("of which the sender thread", "service_sender_cpu_s_per_M");
-  const auto socketsAt = [&](int clients) { return results.Median(BareName(clients), "records_per_s"); };
+  fan("clients' CPU s per million records", "service_clients_cpu_s_per_M");
+  const auto socketsAt = [&](int clients, const char* counter = "records_per_s") {
+    return results.Median(BareName(clients), counter);
+  };
   printf("  %-44s %-10s %-10s %s\n", "bare sockets, one writer (the ceiling)", Figure(socketsAt(1)).c_str(),
          Figure(socketsAt(4)).c_str(), Figure(socketsAt(16)).c_str());
+  printf("  %-44s %-10s %-10s %s\n", "bare sockets: writer's and clients' CPU s/M",
+         Figure(socketsAt(1, "cpu_s_per_M")).c_str(), Figure(socketsAt(4, "cpu_s_per_M")).c_str(),
+         Figure(socketsAt(16, "cpu_s_per_M")).c_str());
   printf("  %-44s %-10s %-10s %s\n", "bare sockets / service alone", Figure(socketsAt(1) / alone).c_str(),
          Figure(socketsAt(4) / alone).c_str(), Figure(socketsAt(16) / alone).c_str());
   fan("records lost by the service (target 0)", "service_lost");

@@ -36,12 +36,14 @@ void EventManager::AddObserverEvent(int fd, int type) {
   if (std::find(types.begin(), types.end(), type) != types.end()) return;
   types.push_back(type);
   observersByType[type].push_back(fd);
+  ++generation;
 }
 
 void EventManager::DelObserverEvent(int fd, int type) {
   MutexLock lock(keloRawEventManagerLock);
   RemoveAll(&observersByType[type], fd);
   RemoveAll(&observersByFd[fd], type);
+  ++generation;
 }
 
 void EventManager::EraseObserver(int fd) {
@@ -50,6 +52,7 @@ void EventManager::EraseObserver(int fd) {
 }
 
 void EventManager::EraseObserverLocked(int fd) {
+  ++generation;
   pacedConnections.erase(fd);
   auto entry = observersByFd.find(fd);
   if (entry == observersByFd.end()) return;
@@ -110,6 +113,7 @@ IpcPackageManager* EventManager::OpenConnection(int fd, IpcPackageManager::TrimL
     connection = std::make_unique<ClientConnection>();
     connection->queue.setTrimListener(std::move(onTrim));
     connection->serial = ++connectionsOpened;
+    ++generation;
   }
   return &connection->queue;
 }
@@ -185,6 +189,37 @@ void EventManager::WaitForSender(int fd) {
   }
 }
 
+void EventManager::NotePacingLocked(int fd, size_t depth, std::vector<int>* crowded) {
+  if (depth >= PACE_START_DEPTH) {
+    if (stalledSenders.count(fd) == 0 && pacedConnections.count(fd) != 0) crowded->push_back(fd);
+  } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
+    stalledSenders.erase(fd);
+  }
+}
+
+const std::vector<size_t>& EventManager::StagingTargetsLocked(DeferredWakeups* deferred, int type) {
+  if (deferred->generation_ != generation) {
+    deferred->targets_.clear();
+    deferred->generation_ = generation;
+  }
+  for (const auto& [cached, targets] : deferred->targets_) {
+    if (cached == type) return targets;
+  }
+  std::vector<size_t> targets;
+  auto subscribers = observersByType.find(type);
+  if (subscribers != observersByType.end()) {
+    for (int fd : subscribers->second) {
+      // A subscriber that is no connection (the registry was told of the
+      // subscription by someone other than the endpoint) has nowhere to go.
+      ClientConnection* connection = ConnectionLocked(fd);
+      if (connection == nullptr) continue;
+      targets.push_back(deferred->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount()));
+    }
+  }
+  deferred->targets_.emplace_back(type, std::move(targets));
+  return deferred->targets_.back().second;
+}
+
 int EventManager::AppendEvent(char* data, unsigned int size) {
   int32_t type = 0;
   if (size < sizeof(type)) return 0;
@@ -197,40 +232,36 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
   thread_local std::vector<int> crowded;
   toWake.clear();
   crowded.clear();
+  DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
   {
     MutexLock lock(keloRawEventManagerLock);
-    auto subscribers = observersByType.find(type);
-    if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
-    DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
-    for (int fd : subscribers->second) {
-      // A subscriber that is no connection (the registry was told of the
-      // subscription by someone other than the endpoint) has nowhere to go.
-      ClientConnection* connection = ConnectionLocked(fd);
-      if (connection == nullptr) continue;
-      IpcPackageManager& packages = connection->queue;
-      size_t depth = packages.getIpcPackageCount();
-      if (deferred != nullptr) {
-        depth += deferred->Stage(fd, connection->serial, data, size);
-      } else {
+    if (deferred != nullptr) {
+      const std::vector<size_t>& targets = StagingTargetsLocked(deferred, type);
+      if (targets.empty()) return 0;
+      const size_t frame = deferred->AddFrame(data, size);
+      const size_t frameBytes = IPC_FRAME_PREFIX_SIZE + size;
+      for (size_t index : targets) {
+        const uint32_t staged = deferred->AddTo(index, frame, frameBytes);
+        const StagedFrames& entry = deferred->staged_[index];
+        NotePacingLocked(entry.fd, entry.queued + staged, &crowded);
+      }
+      ++deferred->events_;
+    } else {
+      auto subscribers = observersByType.find(type);
+      if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
+      for (int fd : subscribers->second) {
+        ClientConnection* connection = ConnectionLocked(fd);
+        if (connection == nullptr) continue;
+        IpcPackageManager& packages = connection->queue;
         packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
         if (packages.requestSend()) toWake.push_back(fd);
-        ++depth;
+        NotePacingLocked(fd, packages.getIpcPackageCount(), &crowded);
       }
-      if (depth >= PACE_START_DEPTH) {
-        if (stalledSenders.count(fd) == 0 && pacedConnections.count(fd) != 0) crowded.push_back(fd);
-      } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
-        stalledSenders.erase(fd);
-      }
-    }
-    if (deferred != nullptr) {
-      deferred->CountEvent();
-    } else if (!toWake.empty()) {
       // Every package of the event is queued before the first connection is
       // told.
-      NotifySendersLocked(toWake);
+      if (!toWake.empty()) NotifySendersLocked(toWake);
     }
   }
-  DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
   // A sender is only waited for once it has been told.
   if (deferred != nullptr && (deferred->Due() || !crowded.empty())) deferred->Flush();
   for (int fd : crowded) WaitForSender(fd);
@@ -250,7 +281,7 @@ void EventManager::CancelSendRequestLocked(int fd) {
   if (connection != nullptr) connection->queue.cancelSendRequest();
 }
 
-void EventManager::AppendStaged(std::vector<StagedFrames>* staged) {
+void EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) {
   thread_local std::vector<int> toWake;
   toWake.clear();
   SenderWaker waker;
@@ -265,11 +296,13 @@ void EventManager::AppendStaged(std::vector<StagedFrames>* staged) {
         continue;
       }
       if (entry->count != 0) {
-        connection->queue.appendFramesToRun(entry->frames.data(), entry->frames.size(), entry->count);
+        connection->queue.appendSharedFrames(block, entry->slices, entry->bytes * 2 < block->size());
         if (connection->queue.requestSend()) toWake.push_back(entry->fd);
-        entry->frames.clear();
+        entry->slices.clear();
         entry->count = 0;
+        entry->bytes = 0;
       }
+      entry->queued = connection->queue.getIpcPackageCount();
       ++entry;
     }
     waker = senderWaker;
@@ -282,7 +315,7 @@ void EventManager::AppendStaged(std::vector<StagedFrames>* staged) {
   for (int fd : failed) CancelSendRequestLocked(fd);
 }
 
-DeferredWakeups::DeferredWakeups() { deferredWakeups = this; }
+DeferredWakeups::DeferredWakeups() : block_(std::make_shared<std::string>()) { deferredWakeups = this; }
 
 DeferredWakeups::~DeferredWakeups() {
   deferredWakeups = nullptr;
@@ -291,29 +324,56 @@ DeferredWakeups::~DeferredWakeups() {
 
 DeferredWakeups* DeferredWakeups::OfThisThread() { return deferredWakeups; }
 
-uint32_t DeferredWakeups::Stage(int fd, uint64_t serial, const char* record, uint32_t size) {
+size_t DeferredWakeups::EntryOf(int fd, uint64_t serial, size_t queued) {
   auto entry = std::find_if(staged_.begin(), staged_.end(), [fd](const StagedFrames& s) { return s.fd == fd; });
   if (entry == staged_.end()) {
-    staged_.emplace_back();
-    entry = staged_.end() - 1;
+    entry = staged_.emplace(staged_.end());
     entry->fd = fd;
     entry->serial = serial;
+    entry->queued = queued;
   } else if (entry->serial != serial) {
-    entry->frames.clear();
-    entry->count = 0;
-    entry->serial = serial;
+    *entry = StagedFrames{fd, serial, {}, 0, 0, queued};
   }
+  return static_cast<size_t>(entry - staged_.begin());
+}
+
+size_t DeferredWakeups::AddFrame(const char* record, uint32_t size) {
+  const size_t offset = block_->size();
   char prefix[IPC_FRAME_PREFIX_SIZE];
   WriteFramePrefix(IPC_PACKAGE_TYPE_EVENT, size, prefix);
-  entry->frames.append(prefix, sizeof(prefix));
-  entry->frames.append(record, size);
-  return ++entry->count;
+  block_->append(prefix, sizeof(prefix));
+  block_->append(record, size);
+  return offset;
+}
+
+uint32_t DeferredWakeups::AddTo(size_t index, size_t offset, size_t bytes) {
+  StagedFrames& entry = staged_[index];
+  // Frames that follow each other in the block form one slice, up to a run.
+  if (entry.slices.empty() || entry.slices.back().offset + entry.slices.back().bytes != offset ||
+      entry.slices.back().bytes + bytes > EVENT_RUN_BYTES) {
+    entry.slices.push_back(FrameSlice{offset, 0, 0});
+  }
+  FrameSlice& slice = entry.slices.back();
+  slice.bytes += bytes;
+  ++slice.frames;
+  entry.bytes += bytes;
+  return ++entry.count;
 }
 
 void DeferredWakeups::Flush() {
   events_ = 0;
+  // The staged entries' indexes change when a flush drops entries.
+  targets_.clear();
   if (staged_.empty()) return;
-  EventManager::GetInstance()->AppendStaged(&staged_);
+  std::shared_ptr<std::string> block = std::move(block_);
+  EventManager::GetInstance()->AppendStaged(block, &staged_);
+  // A block that no queue took is used again.
+  if (block.use_count() == 1) {
+    block->clear();
+    block_ = std::move(block);
+  } else {
+    block_ = std::make_shared<std::string>();
+  }
 }
 
 }  // namespace Bpf

@@ -45,14 +45,17 @@ struct ClientConnection {
   uint64_t serial = 0;
 };
 
-// Event frames that a publisher with a DeferredWakeups holds for one
-// connection until its next flush.
+// The event frames that a publisher with a DeferredWakeups holds for one
+// connection until its next flush: slices of the publisher's frame block.
 struct StagedFrames {
   int fd = -1;
   uint64_t serial = 0;
-  // Whole frames, back to back, as they go on the wire.
-  std::string frames;
+  std::vector<FrameSlice> slices;
+  // Frames and bytes in the slices.
   uint32_t count = 0;
+  size_t bytes = 0;
+  // Packages in the connection's queue when it was last looked at.
+  size_t queued = 0;
 };
 
 // Package type under which events travel to clients, the record as payload.
@@ -67,6 +70,8 @@ inline constexpr size_t PACE_RESUME_DEPTH = IPC_QUEUE_HIGH_WATER * 5 / 10;
 inline constexpr std::chrono::milliseconds PACE_STALL_LIMIT{20};
 inline constexpr std::chrono::milliseconds PACE_WAIT_LIMIT{100};
 inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{200};
+
+class DeferredWakeups;
 
 class EventManager {
  public:
@@ -117,11 +122,13 @@ class EventManager {
   // Times a publisher waited for a paced connection's sender.
   uint64_t PacingWaits() const { return pacingWaits.load(std::memory_order_relaxed); }
 
-  // Queues the frames staged by a DeferredWakeups for the connections that
-  // are still those they were staged for, empties the entries (dropping
-  // those of connections gone) and wakes the senders that have no wake-up
-  // pending.
-  void AppendStaged(std::vector<StagedFrames>* staged) EXCLUDES(keloRawEventManagerLock);
+  // Queues the frames staged by a DeferredWakeups, slices of `block`, for
+  // the connections that are still those they were staged for, empties the
+  // entries (dropping those of connections gone) and wakes the senders that
+  // have no wake-up pending. A connection whose frames are less than half of
+  // the block gets copies, so that its queue never keeps alive a block that
+  // is mostly other connections' frames.
+  void AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) EXCLUDES(keloRawEventManagerLock);
 
   // Asks each connection's sender to write; returns the connections that
   // could not be asked. Called with keloRawEventManagerLock held.
@@ -162,12 +169,22 @@ class EventManager {
 
   // fd's connection, or null.
   ClientConnection* ConnectionLocked(int fd) REQUIRES(keloRawEventManagerLock);
+  // The indexes of `deferred`'s staged entries of the connections
+  // subscribed to `type`, in subscription order; cached until the next
+  // change of connections or subscriptions, or the next flush.
+  const std::vector<size_t>& StagingTargetsLocked(DeferredWakeups* deferred, int type)
+      REQUIRES(keloRawEventManagerLock);
+  // Notes that a publisher's queue for fd is `depth` packages deep: adds fd
+  // to `crowded` when the publisher is to wait for its sender.
+  void NotePacingLocked(int fd, size_t depth, std::vector<int>* crowded) REQUIRES(keloRawEventManagerLock);
   // Drops every subscription of fd and its pacing.
   void EraseObserverLocked(int fd) REQUIRES(keloRawEventManagerLock);
 
   std::map<int, std::unique_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
   // Connections opened so far; the serial of the next.
   uint64_t connectionsOpened GUARDED_BY(keloRawEventManagerLock) = 0;
+  // Changes with every connection and subscription made or dropped.
+  uint64_t generation GUARDED_BY(keloRawEventManagerLock) = 0;
   SenderWaker senderWaker GUARDED_BY(keloRawEventManagerLock);
   // Types each connection subscribed to, in subscription order, no duplicates.
   std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
@@ -185,14 +202,16 @@ class EventManager {
 };
 
 // While one lives on a thread, the AppendEvent calls of that thread stage
-// their events instead of queueing them: each connection's frames are
-// gathered back to back and queued as one block, and its sender woken, at
-// Flush, which a ring-buffer pump calls after every poll, and on its own
-// every WAKE_BATCH_EVENTS events and before the publisher waits for a
-// crowded sender. A burst of records then costs each connection one queue
-// append and one wake-up per batch instead of one per record, and the
-// sender fills its buffer with many records per send. Not shared between
-// threads; at most one per thread.
+// their events instead of queueing them: each event is framed once into the
+// publisher's frame block, and each subscribed connection notes which
+// frames are its. At Flush, which a ring-buffer pump calls after every poll,
+// and on its own every WAKE_BATCH_EVENTS events and before the publisher
+// waits for a crowded sender, every connection's queue takes its slices of
+// the block in one append and its sender is woken once. A burst of records
+// then costs each connection one queue append and one wake-up per batch
+// instead of one per record, the frames are built once however many
+// connections take them, and the sender fills its buffer with many records
+// per send. Not shared between threads; at most one per thread.
 class DeferredWakeups {
  public:
   static constexpr int WAKE_BATCH_EVENTS = 256;
@@ -206,20 +225,31 @@ class DeferredWakeups {
   // The instance living on the calling thread, or null.
   static DeferredWakeups* OfThisThread();
 
-  // Stages one event frame of `size` bytes of record for connection fd
-  // (serial `serial`); the number of frames now staged for it. Frames
-  // staged for an earlier connection on fd are dropped: it closed.
-  uint32_t Stage(int fd, uint64_t serial, const char* record, uint32_t size);
-  // Counts one published event.
-  void CountEvent() { ++events_; }
   // Whether WAKE_BATCH_EVENTS events were published since the last Flush.
   bool Due() const { return events_ >= WAKE_BATCH_EVENTS; }
   // Queues the staged frames and wakes their senders.
   void Flush();
 
  private:
+  friend class EventManager;
+
+  // The index of the staged entry of connection fd (serial `serial`, its
+  // queue `queued` deep), made on first use. Frames staged for an earlier
+  // connection on fd are dropped: it closed.
+  size_t EntryOf(int fd, uint64_t serial, size_t queued);
+  // Frames one event into the block; where its frame starts.
+  size_t AddFrame(const char* record, uint32_t size);
+  // Stages the frame of `bytes` bytes at `offset` for entry `index`; the
+  // number of frames now staged for it.
+  uint32_t AddTo(size_t index, size_t offset, size_t bytes);
+
+  // Frames of the events since the last flush, each once.
+  std::shared_ptr<std::string> block_;
   // One entry per connection published to; emptied, not removed, by a flush.
   std::vector<StagedFrames> staged_;
+  // Staged entries of each type's subscribers, valid for generation_.
+  std::vector<std::pair<int, std::vector<size_t>>> targets_;
+  uint64_t generation_ = 0;
   int events_ = 0;
 };
 

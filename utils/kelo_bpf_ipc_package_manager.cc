@@ -119,14 +119,15 @@ void IpcPackageManager::trimLocked(AppendForm form, std::optional<std::deque<Kel
       --queued;
     } else {
       // The listener sees a run's packages one by one.
+      const char* run = entry.runData();
       size_t at = 0;
       for (uint32_t i = 0; i < entry.frames; ++i) {
         uint32_t size = 0;
-        memcpy(&size, entry.run.data() + at, sizeof(size));
+        memcpy(&size, run + at, sizeof(size));
         KeloIpcPackage package;
         package.size = size;
         package.data.resize(size);
-        memcpy(package.data.data(), entry.run.data() + at + IPC_FRAME_HEADER_SIZE, size);
+        memcpy(package.data.data(), run + at + IPC_FRAME_HEADER_SIZE, size);
         removed->value().push_back(std::move(package));
         at += IPC_FRAME_HEADER_SIZE + size;
       }
@@ -165,34 +166,63 @@ bool IpcPackageManager::appendEventToRun(uint32_t type, const char* data, uint32
   if (type > IPC_PACKAGE_TYPE_MAX) return false;
   char prefix[IPC_FRAME_PREFIX_SIZE];
   WriteFramePrefix(type, size, prefix);
-  appendToRun(prefix, sizeof(prefix), data, size, 1);
-  return true;
-}
-
-void IpcPackageManager::appendFramesToRun(const char* frames, size_t bytes, uint32_t frameCount) {
-  if (frameCount != 0) appendToRun(frames, bytes, nullptr, 0, frameCount);
-}
-
-void IpcPackageManager::appendToRun(const char* head, size_t headBytes, const char* tail, size_t tailBytes,
-                                    uint32_t frameCount) {
-  const size_t bytes = headBytes + tailBytes;
   std::optional<std::deque<KeloIpcPackage>> removed;
   {
     MutexLock lock(mutex);
     trimLocked(AppendForm::SECOND_LEVEL, &removed);
-    if (queue.empty() || queue.back().frames == 0 || queue.back().run.size() + bytes > EVENT_RUN_BYTES) {
-      queue.emplace_back();
-      queue.back().run.reserve(std::max(EVENT_RUN_BYTES, bytes));
-    }
-    Entry& run = queue.back();
-    run.run.insert(run.run.end(), head, head + headBytes);
-    if (tailBytes != 0) run.run.insert(run.run.end(), tail, tail + tailBytes);
-    run.frames += frameCount;
-    queued += frameCount;
-    count.store(queued, std::memory_order_relaxed);
-    if (waiters != 0) eventReady.notify_all();
+    appendToRunLocked(prefix, sizeof(prefix), data, size, 1);
+    noteAppendedLocked(1);
   }
   reportTrim(removed);
+  return true;
+}
+
+void IpcPackageManager::appendSharedFrames(const FrameBlock& block, const std::vector<FrameSlice>& slices, bool copy) {
+  std::optional<std::deque<KeloIpcPackage>> removed;
+  {
+    MutexLock lock(mutex);
+    trimLocked(AppendForm::SECOND_LEVEL, &removed);
+    uint32_t frames = 0;
+    for (const FrameSlice& slice : slices) {
+      if (slice.frames == 0) continue;
+      if (copy) {
+        appendToRunLocked(block->data() + slice.offset, slice.bytes, nullptr, 0, slice.frames);
+      } else {
+        Entry& run = queue.emplace_back();
+        run.block = block;
+        run.offset = slice.offset;
+        run.bytes = slice.bytes;
+        run.frames = slice.frames;
+      }
+      frames += slice.frames;
+    }
+    noteAppendedLocked(frames);
+  }
+  reportTrim(removed);
+}
+
+void IpcPackageManager::appendToRunLocked(const char* head, size_t headBytes, const char* tail, size_t tailBytes,
+                                          uint32_t frameCount) {
+  const size_t bytes = headBytes + tailBytes;
+  if (queue.empty() || queue.back().frames == 0 || !queue.back().own ||
+      queue.back().own->size() + bytes > EVENT_RUN_BYTES) {
+    Entry& run = queue.emplace_back();
+    run.own = std::make_shared<std::string>();
+    run.own->reserve(std::max(EVENT_RUN_BYTES, bytes));
+    run.block = run.own;
+  }
+  Entry& run = queue.back();
+  // An own run ends where its buffer ends, also once the sender took a part.
+  run.own->append(head, headBytes);
+  if (tailBytes != 0) run.own->append(tail, tailBytes);
+  run.bytes += bytes;
+  run.frames += frameCount;
+}
+
+void IpcPackageManager::noteAppendedLocked(uint32_t frames) {
+  queued += frames;
+  count.store(queued, std::memory_order_relaxed);
+  if (waiters != 0) eventReady.notify_all();
 }
 
 void IpcPackageManager::popFront() {
@@ -207,19 +237,13 @@ bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int 
   if (entry.frames != 0) {
     // A run's frames are whole and far below the damaged size; only a buffer
     // smaller than its first frame can refuse it, which then goes alone.
+    if (entry.bytes <= bufferState->bufferSize()) return false;
     uint32_t size = 0;
-    memcpy(&size, entry.run.data(), sizeof(size));
+    memcpy(&size, entry.runData(), sizeof(size));
     if (FrameFits(size, bufferState->bufferSize())) return false;
     Kelo::Bpf::RecordBpfServiceErrorInfo(errorCode, errorText);
     KELO_LOGE(LOG_TAG_UTILS, "The ipc package is too big! remove this package");
-    if (entry.frames == 1) {
-      popFront();
-    } else {
-      entry.run.erase(entry.run.begin(), entry.run.begin() + IPC_FRAME_HEADER_SIZE + size);
-      --entry.frames;
-      --queued;
-      count.store(queued, std::memory_order_relaxed);
-    }
+    consumeRunLocked(&entry, IPC_FRAME_HEADER_SIZE + size, 1);
     return true;
   }
   const uint32_t size = entry.package.size;
@@ -237,29 +261,42 @@ bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int 
   return false;
 }
 
+void IpcPackageManager::consumeRunLocked(Entry* run, size_t bytes, uint32_t frames) {
+  if (frames == run->frames) {
+    popFront();
+    return;
+  }
+  run->offset += bytes;
+  run->bytes -= bytes;
+  run->frames -= frames;
+  queued -= frames;
+  count.store(queued, std::memory_order_relaxed);
+}
+
 size_t IpcPackageManager::fillFromRunLocked(BufferState* bufferState) {
   Entry& entry = queue.front();
+  const char* run = entry.runData();
   const size_t free = bufferState->bufferSize() - bufferState->bufferDataCursor;
   size_t bytes = 0;
   uint32_t frames = 0;
-  while (frames < entry.frames) {
-    uint32_t size = 0;
-    memcpy(&size, entry.run.data() + bytes, sizeof(size));
-    const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(size);
-    if (frameBytes > free - bytes) break;
-    bytes += frameBytes;
-    ++frames;
-  }
-  if (frames == 0) return 0;
-  CHECK(bufferState->write(entry.run.data(), bytes));
-  if (frames == entry.frames) {
-    popFront();
+  if (entry.bytes <= free) {
+    // The whole run fits: one copy, without reading its frames' lengths one
+    // by one, each from a cache line the publisher's processor wrote.
+    bytes = entry.bytes;
+    frames = entry.frames;
   } else {
-    entry.run.erase(entry.run.begin(), entry.run.begin() + static_cast<std::ptrdiff_t>(bytes));
-    entry.frames -= frames;
-    queued -= frames;
-    count.store(queued, std::memory_order_relaxed);
+    while (frames < entry.frames) {
+      uint32_t size = 0;
+      memcpy(&size, run + bytes, sizeof(size));
+      const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(size);
+      if (frameBytes > free - bytes) break;
+      bytes += frameBytes;
+      ++frames;
+    }
+    if (frames == 0) return 0;
   }
+  CHECK(bufferState->write(run, bytes));
+  consumeRunLocked(&entry, bytes, frames);
   return frames;
 }
 

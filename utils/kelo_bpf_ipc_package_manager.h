@@ -14,11 +14,14 @@
 // the lock is let go.
 //
 // Events appended with appendEventToRun are framed straight into a run at
-// the queue's tail: one buffer of up to EVENT_RUN_BYTES of consecutive whole
-// frames, which the sender copies into its buffer with one copy. A run is
-// one entry of the queue but counts as the packages it holds, towards the
-// bound and in getIpcPackageCount; a trim takes whole entries and shows the
-// listener a run's packages one by one.
+// the queue's tail: up to EVENT_RUN_BYTES of consecutive whole frames, which
+// the sender copies into its buffer with one copy. A run either lives in a
+// buffer of the queue's own, which later events may extend, or is a slice of
+// a frame block that several queues share (appendSharedFrames): a publisher
+// that serves many connections frames each event once. A run is one entry of
+// the queue but counts as the packages it holds, towards the bound and in
+// getIpcPackageCount; a trim takes whole entries and shows the listener a
+// run's packages one by one.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -29,7 +32,9 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "utils/kelo_bpf_ipc_package.h"
@@ -39,6 +44,18 @@ inline constexpr size_t IPC_QUEUE_HIGH_WATER = 10000;
 inline constexpr size_t IPC_QUEUE_LOW_WATER = 5000;
 // Bytes of frames one run of events holds at most.
 inline constexpr size_t EVENT_RUN_BYTES = 8192;
+
+// Whole frames, back to back, that a publisher wrote once for every queue
+// that takes slices of them; nobody writes to a block once it is shared.
+using FrameBlock = std::shared_ptr<const std::string>;
+
+// Consecutive whole frames of one FrameBlock: `bytes` bytes from `offset`,
+// `frames` frames, at most EVENT_RUN_BYTES.
+struct FrameSlice {
+  size_t offset = 0;
+  size_t bytes = 0;
+  uint32_t frames = 0;
+};
 
 class IpcPackageManager {
  public:
@@ -60,9 +77,10 @@ class IpcPackageManager {
   // As buildAndAppendSecondIpcPackage, framed into the run at the queue's
   // tail (a new run when the tail is a package or has no room).
   bool appendEventToRun(uint32_t type, const char* data, uint32_t size);
-  // Queues `frameCount` whole frames that `frames` holds back to back
-  // (`bytes` in all) into the run at the queue's tail, or as a new run.
-  void appendFramesToRun(const char* frames, size_t bytes, uint32_t frameCount);
+  // Queues the frames of `slices`, in order, each slice as a run that
+  // refers to `block` (which then lives until the sender has taken them), or,
+  // with `copy`, copied into the queue's own runs.
+  void appendSharedFrames(const FrameBlock& block, const std::vector<FrameSlice>& slices, bool copy);
   // Queues `size` bytes that already form a level-2 package.
   void buildAndAppendIpcPackage(const char* data, uint32_t size);
   // As buildAndAppendSecondIpcPackage, but ahead of everything queued: the
@@ -117,17 +135,26 @@ class IpcPackageManager {
  private:
   // The four append forms differ only in their error-log code and log text.
   enum class AppendForm { BUILD_AND_APPEND, SECOND_LEVEL, REQUEST, RESPONSE };
-  // One entry of the queue: a package, or (frames != 0) a run of events.
+  // One entry of the queue: a package, or (frames != 0) a run of events,
+  // the `bytes` bytes of `block` from `offset`. `own` is the block while the
+  // queue made it alone and may still append to it.
   struct Entry {
     KeloIpcPackage package;
-    std::vector<char> run;
+    FrameBlock block;
+    std::shared_ptr<std::string> own;
+    size_t offset = 0;
+    size_t bytes = 0;
     uint32_t frames = 0;
+    const char* runData() const { return block->data() + offset; }
   };
   void appendPackage(KeloIpcPackage&& package, AppendForm form, bool front = false) EXCLUDES(mutex);
   // Appends `head` then `tail` (either may be empty), holding `frameCount`
-  // frames, to the tail run or a new one.
-  void appendToRun(const char* head, size_t headBytes, const char* tail, size_t tailBytes, uint32_t frameCount)
-      EXCLUDES(mutex);
+  // frames, to the tail run if it is the queue's own and has room, else to a
+  // new run of its own.
+  void appendToRunLocked(const char* head, size_t headBytes, const char* tail, size_t tailBytes, uint32_t frameCount)
+      REQUIRES(mutex);
+  // Counts `frames` more packages queued and wakes the waiters.
+  void noteAppendedLocked(uint32_t frames) REQUIRES(mutex);
   // Trims the queue when it holds more than IPC_QUEUE_HIGH_WATER packages,
   // moving what it removes into *removed (made on a trim only).
   void trimLocked(AppendForm form, std::optional<std::deque<KeloIpcPackage>>* removed) REQUIRES(mutex);
@@ -142,6 +169,9 @@ class IpcPackageManager {
   // space of `bufferState`, dropping the run once it is empty; the number
   // moved.
   size_t fillFromRunLocked(BufferState* bufferState) REQUIRES(mutex);
+  // Takes the first `bytes` bytes, `frames` frames, of the front run `run`,
+  // dropping it once it is empty.
+  void consumeRunLocked(Entry* run, size_t bytes, uint32_t frames) REQUIRES(mutex);
   // One step of fillNextIpcPackageToBuffer: the number of packages moved.
   size_t fillNextLocked(BufferState* bufferState) REQUIRES(mutex);
 

@@ -179,6 +179,33 @@ TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
   }).join();
 }
 
+// A deferring publisher frames each event once for every connection: each
+// still receives exactly its own types in order, whether it shares the
+// publisher's frames or (wanting less than half of them) gets copies, and a
+// subscription made between two flushes applies to the very next event.
+TEST_F(ClientTest, ADeferringPublisherGivesEachConnectionItsOwnEventsInOrder) {
+  Client fives;
+  ASSERT_TRUE(fives.Connect());
+  ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
+  ASSERT_EQ(client.Ask(2, REQ_ADD_OBSERVER_EVENT, 5), 0);
+  ASSERT_EQ(fives.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
+  std::thread([&] {
+    DeferredWakeups wakeups;
+    std::vector<std::string> all, ofType5;
+    for (int i = 0; i < 100; ++i) {
+      all.push_back(Publish(i % 3 == 0 ? 5 : 4, kelo_test::Bytes(i)));
+      if (i % 3 == 0) ofType5.push_back(all.back());
+    }
+    ASSERT_EQ(fives.Ask(2, REQ_ADD_OBSERVER_EVENT, 4), 0);
+    const std::string late = Publish(4, "late");
+    wakeups.Flush();
+    for (const std::string& record : all) client.ExpectEvent(record);
+    client.ExpectEvent(late);
+    for (const std::string& record : ofType5) fives.ExpectEvent(record);
+    fives.ExpectEvent(late);
+  }).join();
+}
+
 // A connection whose sender could not be woken (here: one the endpoint does
 // not watch) is asked again by its next event, not taken for one that has a
 // wake-up pending for good.

@@ -230,6 +230,64 @@ TEST_F(IpcPackageManagerTest, RunsOfEventsKeepEveryPackagesPlaceAndCount) {
   EXPECT_EQ(contents().substr(0, oldestKept.size()), oldestKept);
 }
 
+// Queues that take slices of one frame block send exactly their frames, in
+// place among their other packages, also after the publisher let go of the
+// block and when a slice leaves in parts; a trim shows each package.
+TEST_F(IpcPackageManagerTest, SlicesOfASharedBlockKeepTheirFramesAndCount) {
+  const auto event = [](int n) { return "shared-" + std::to_string(n); };
+  std::string frames;
+  std::vector<size_t> starts;
+  for (int n = 0; n < 8; ++n) {
+    starts.push_back(frames.size());
+    frames += Frame(3, event(n));
+  }
+  starts.push_back(frames.size());
+  const auto slice = [&starts](int first, int end) {
+    return FrameSlice{starts[first], starts[end] - starts[first], static_cast<uint32_t>(end - first)};
+  };
+  auto block = std::make_shared<const std::string>(frames);
+  IpcPackageManager copying;
+  queue.buildAndAppendSecondIpcPackage(3, "before", 6);
+  queue.appendSharedFrames(block, {slice(1, 4), slice(5, 8)}, false);
+  copying.appendSharedFrames(block, {slice(0, 2)}, true);
+  copying.appendEventToRun(3, "after", 5);
+  block.reset();
+  EXPECT_EQ(queue.getIpcPackageCount(), 7u);
+  EXPECT_EQ(copying.getIpcPackageCount(), 3u);
+
+  // Room for the package and one and a half frames of the first slice.
+  const size_t frame = Frame(3, event(0)).size();
+  buffer.bufferDataCursor = BUFFER_SIZE - Frame(3, "before").size() - frame - frame / 2;
+  const size_t start = buffer.bufferDataCursor;
+  EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
+  EXPECT_EQ(std::string(buffer.buffer.data() + start, buffer.bufferDataCursor - start),
+            Frame(3, "before") + Frame(3, event(1)));
+  buffer.clear();
+  EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(contents(), frames.substr(starts[2], starts[4] - starts[2]) + frames.substr(starts[5]));
+  EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+  buffer.clear();
+  EXPECT_TRUE(copying.fillIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(contents(), frames.substr(0, starts[2]) + Frame(3, "after"));
+
+  std::vector<std::string> removed;
+  IpcPackageManager trimmed;
+  trimmed.setTrimListener([&removed](const std::deque<KeloIpcPackage>& packages) {
+    for (const KeloIpcPackage& package : packages) removed.emplace_back(package.data.data(), package.size);
+  });
+  for (int n = 0; n <= static_cast<int>(IPC_QUEUE_HIGH_WATER); n += 2) {
+    const std::string pair = Frame(3, event(n)) + Frame(3, event(n + 1));
+    const uint32_t second = static_cast<uint32_t>(Frame(3, event(n)).size());
+    trimmed.appendSharedFrames(std::make_shared<const std::string>(pair), {FrameSlice{0, second, 1}}, false);
+    trimmed.appendSharedFrames(std::make_shared<const std::string>(pair), {FrameSlice{second, pair.size() - second, 1}},
+                               false);
+  }
+  ASSERT_GE(removed.size(), IPC_QUEUE_HIGH_WATER - IPC_QUEUE_LOW_WATER);
+  for (size_t n = 0; n < removed.size(); ++n) {
+    ASSERT_EQ(removed[n], Frame(3, event(static_cast<int>(n))).substr(4)) << n;
+  }
+}
+
 TEST_F(IpcPackageManagerTest, PackageWaitsForRoomAndWaitersForPackages) {
   queue.waitEventReady(0);
   std::thread producer([this] { queue.buildAndAppendIpcPackage("0123456789", 10); });
