@@ -281,9 +281,10 @@ void EventManager::CancelSendRequestLocked(int fd) {
   if (connection != nullptr) connection->queue.cancelSendRequest();
 }
 
-void EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) {
+bool EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) {
   thread_local std::vector<int> toWake;
   toWake.clear();
+  bool shared = false;
   SenderWaker waker;
   {
     MutexLock lock(keloRawEventManagerLock);
@@ -296,7 +297,9 @@ void EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrame
         continue;
       }
       if (entry->count != 0) {
-        connection->queue.appendSharedFrames(block, entry->slices, entry->bytes * 2 < block->size());
+        const bool copy = entry->bytes * 2 < block->size();
+        connection->queue.appendSharedFrames(block, entry->slices, copy);
+        shared = shared || !copy;
         if (connection->queue.requestSend()) toWake.push_back(entry->fd);
         entry->slices.clear();
         entry->count = 0;
@@ -307,12 +310,15 @@ void EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrame
     }
     waker = senderWaker;
   }
-  if (toWake.empty()) return;
-  // Woken outside the lock, so that producers are not held up meanwhile.
-  const std::vector<int> failed = waker ? waker(toWake) : toWake;
-  if (failed.empty()) return;
-  MutexLock lock(keloRawEventManagerLock);
-  for (int fd : failed) CancelSendRequestLocked(fd);
+  if (!toWake.empty()) {
+    // Woken outside the lock, so that producers are not held up meanwhile.
+    const std::vector<int> failed = waker ? waker(toWake) : toWake;
+    if (!failed.empty()) {
+      MutexLock lock(keloRawEventManagerLock);
+      for (int fd : failed) CancelSendRequestLocked(fd);
+    }
+  }
+  return shared;
 }
 
 DeferredWakeups::DeferredWakeups() : block_(std::make_shared<std::string>()) { deferredWakeups = this; }
@@ -365,14 +371,12 @@ void DeferredWakeups::Flush() {
   // The staged entries' indexes change when a flush drops entries.
   targets_.clear();
   if (staged_.empty()) return;
-  std::shared_ptr<std::string> block = std::move(block_);
-  EventManager::GetInstance()->AppendStaged(block, &staged_);
-  // A block that no queue took is used again.
-  if (block.use_count() == 1) {
-    block->clear();
-    block_ = std::move(block);
-  } else {
+  // A block that no queue took is used again; one that a queue took is
+  // never written again.
+  if (EventManager::GetInstance()->AppendStaged(block_, &staged_)) {
     block_ = std::make_shared<std::string>();
+  } else {
+    block_->clear();
   }
 }
 

@@ -127,8 +127,9 @@ class EventManager {
   // entries (dropping those of connections gone) and wakes the senders that
   // have no wake-up pending. A connection whose frames are less than half of
   // the block gets copies, so that its queue never keeps alive a block that
-  // is mostly other connections' frames.
-  void AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) EXCLUDES(keloRawEventManagerLock);
+  // is mostly other connections' frames. Whether a queue took a share of
+  // the block itself (which must then never change).
+  bool AppendStaged(const FrameBlock& block, std::vector<StagedFrames>* staged) EXCLUDES(keloRawEventManagerLock);
 
   // Asks each connection's sender to write; returns the connections that
   // could not be asked. Called with keloRawEventManagerLock held.
