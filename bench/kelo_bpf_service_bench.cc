@@ -482,6 +482,7 @@ void BM_Drain(benchmark::State& state) {
   const std::string record = Record();
   DeliveryCost total[2];
   int iteration = 0;
+  const uint64_t waitsBefore = EventManager::GetInstance()->PacingWaits();
   for (auto _ : state) {
     for (int k = 0; k < 2; ++k) {
       const int side = Side(iteration, k);
@@ -515,6 +516,9 @@ void BM_Drain(benchmark::State& state) {
     state.counters[name + "_clients_cpu_s_per_M"] = PerMillion(total[side].clientCpuNs, records) / NS_PER_SECOND;
   }
   state.counters["service_vs_reference"] = rate[SERVICE] / rate[REFERENCE];
+  // Times the pump held back for a paced client's sender.
+  state.counters["service_pacing_waits_per_M"] =
+      PerMillion(EventManager::GetInstance()->PacingWaits() - waitsBefore, records);
   state.counters["malformed"] = static_cast<double>(Malformed(*sides[REFERENCE]) + Malformed(*sides[SERVICE]));
 }
 
@@ -644,6 +648,7 @@ void PrintSummary(const SummaryReporter& results) {
   fan("service CPU s per million records", "service_cpu_s_per_M");
   fan("of which the sender thread", "service_sender_cpu_s_per_M");
   fan("clients' CPU s per million records", "service_clients_cpu_s_per_M");
+  fan("pump's waits for the sender per million", "service_pacing_waits_per_M");
   const auto socketsAt = [&](int clients, const char* counter = "records_per_s") {
     return results.Median(BareName(clients), counter);
   };
