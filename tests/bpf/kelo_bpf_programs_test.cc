@@ -273,18 +273,10 @@ TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
   unique_fd mmaps = open("map_KeloBpfGplDefineset_process_mmap_infos");
   ASSERT_TRUE(allocate.ok() && sizes.ok() && perProcess.ok() && inodes.ok() && mmaps.ok());
 
-  // A child that lives until the gate's write end closes.
-  int gate[2];
-  ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
-  unique_fd gateRead(gate[0]), gateWrite(gate[1]);
-  const pid_t child = fork();
-  if (child == 0) {
-    char c;
-    gateWrite.reset();
-    _exit(read(gateRead.get(), &c, 1) == 0 ? 0 : 1);
-  }
+  // A child that lives until it is let go.
+  auto holder = std::make_unique<Sleeper>();
+  const pid_t child = holder->pid;
   ASSERT_GT(child, 0);
-  gateRead.reset();
 
   // The child and this process share buffer 77; the child also owns it.
   const uint64_t inode = 77;
@@ -306,8 +298,7 @@ TEST_F(KeloBpfProgramsTest, ExitOfADmaBufHolderDropsItsTrackingEntries) {
 
   // A thread ending is not the end of this process.
   std::thread([] {}).join();
-  gateWrite.reset();
-  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  holder.reset();
 
   const auto present = [](const unique_fd& map, const auto& key) {
     std::vector<uint8_t> value(64);

@@ -96,7 +96,6 @@ TEST(E2eClient, WatchJsonPrintsOnlyTheEventsOfNamedProcessesAsOneObjectPerLine) 
       }
     } else if (object["record"] == "summary" && object.contains("filtered_out")) {
       EXPECT_EQ(object["events"], 2) << line;
-      EXPECT_TRUE(object.contains("filtered_out")) << line;
     }
   }
   EXPECT_EQ(events, 2);
@@ -228,9 +227,6 @@ TEST(E2eClient, ExporterServesCountersThatGrowBetweenTwoScrapesWithCurl) {
   EXPECT_GE(Sample(second, "kelobpf_polls_total"), pollsBefore);
   EXPECT_NE(second.find("# TYPE kelobpf_events_total counter\n"), std::string::npos);
 
-  EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' -X POST " + url), "405");
-  EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' " + url + "x"), "404");
-  EXPECT_EQ(Shell("curl -sI -o /dev/null -w '%{http_code}' " + url), "200");
   // A request with a malformed header line is refused, and the server goes on.
   EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' -H 'Bad Header: x' " + url), "400");
   EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' " + url), "200");
@@ -239,33 +235,16 @@ TEST(E2eClient, ExporterServesCountersThatGrowBetweenTwoScrapesWithCurl) {
   EXPECT_EQ(exporter.Wait(), 0) << exporter.Err();
 }
 
-// A process that owns `megabytes` of touched memory and is named `name`,
-// until destroyed.
-class MemoryProbe {
- public:
-  MemoryProbe(const char* name, size_t megabytes) {
-    pid = fork();
-    if (pid == 0) {
-      const size_t bytes = megabytes << 20;
-      char* memory =
-          static_cast<char*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-      if (memory == MAP_FAILED) _exit(1);
-      memset(memory, 1, bytes);
-      prctl(PR_SET_NAME, name);
-      while (true) pause();
-    }
-  }
-  ~MemoryProbe() {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-  }
-  pid_t pid = -1;
-};
-
 TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
   KELO_SKIP_WITHOUT_BPF();
   // Started first, so that the service's start-up scan records its memory.
-  MemoryProbe probe("kelo-top-probe", 96);
+  kelo_test::Sleeper probe([](int) {
+    constexpr size_t bytes = 96 << 20;
+    void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) _exit(1);
+    memset(memory, 1, bytes);
+    prctl(PR_SET_NAME, "kelo-top-probe");
+  });
   ASSERT_TRUE(WaitUntil([&] {
     std::string comm;
     return android::base::ReadFileToString("/proc/" + std::to_string(probe.pid) + "/comm", &comm) &&
@@ -304,11 +283,6 @@ TEST(E2eClient, TopShowsTheProcessTableInATerminalAndEndsOnQ) {
     return screen.find("kelobpf top - ") != std::string::npos &&
            std::regex_search(screen, std::regex("\n +" + row + " +[0-9]+ +[0-9]+ +[0-9]{5,} .* kelo-top-probe\n"));
   })) << screen;
-  EXPECT_NE(
-      screen.find("    PID    PPID   THR       ANON       FILE      SHMEM       SWAP      TOTAL     CHANGE COMMAND"),
-      std::string::npos)
-      << screen;
-  EXPECT_TRUE(std::regex_search(screen, std::regex("RSS KiB: anon [0-9]+, file"))) << screen;
 
   Shell(tmux + "send-keys -t top q");
   std::string exitStatus;

@@ -21,12 +21,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using kelo_test::Bytes;
+using kelo_test::RawRecord;
 using Clock = LossLedger::Clock;
 
 constexpr int FD = 7;
 constexpr uint64_t TRIM_TIME_NS = 999;
-
-std::string RawRecord(uint32_t type, uint64_t ts) { return Bytes(type) + Bytes(uint32_t{0}) + Bytes(ts); }
 
 // A connection's queue whose trims go to the ledger, as the service wires it.
 class TrimmedQueue {

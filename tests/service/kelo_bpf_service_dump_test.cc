@@ -4,7 +4,6 @@
 // The start-up scan may add the machine's processes to the table, so the
 // cases only look for records of their own, under pids no process can have.
 #include <android-base/file.h>
-#include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -23,6 +22,7 @@
 #include "service/kelo_bpf_task_manager.h"
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/emulation.h"
+#include "tests/support/live_service.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wait.h"
 #include "tools/kelo_bpf_client_files.h"
@@ -75,11 +75,7 @@ class ServiceDumpTest : public ::testing::Test {
     inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     ASSERT_GE(inotify_add_watch(inotify_.get(), KeloTaskManager::KELOTASK_DUMP_PATH, IN_CLOSE_WRITE), 0);
     // The dump signals are routed once a pump has started.
-    android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
-    KeloBpfService::GetInstance(KeloBpfServiceConfig{})->start();
-    ASSERT_TRUE(kelo_test::WaitUntil([this] {
-      return rings_->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL);
-    }));
+    ASSERT_TRUE(rings_ && kelo_test::StartServiceOnRings(*rings_));
   }
 
   // The dump written on `signal` sent to this process, read once the dump

@@ -6,7 +6,6 @@
 // the records here use pids above the kernel's pid_max (32768 here) where a
 // pid must be unknown, and replace a scanned record whole (type 0) where a
 // small pid is needed.
-#include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -23,6 +22,7 @@
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
+#include "tests/support/live_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
 
@@ -168,16 +168,12 @@ class TaskHandlerTest : public ::testing::Test {
   void SetUp() override {
     KELO_SKIP_WITHOUT_BPF();
     ASSERT_TRUE(rings);
-    android::base::SetProperty(KeloBpfService::KELO_BPF_READY, "1");
-    service = KeloBpfService::GetInstance(KeloBpfServiceConfig{});
-    service->start();
+    // Task records flow once the scan is over and the normal pump polls.
+    ASSERT_TRUE(kelo_test::StartServiceOnRings(*rings));
     ASSERT_TRUE(client.Connect());
     for (int type = KELO_CLIENT_EVENT_PROCESS_CREATE; type <= KELO_CLIENT_EVENT_RSS_CHANGE; ++type) {
       ASSERT_EQ(client.Ask(type, REQ_ADD_OBSERVER_EVENT, type), 0);
     }
-    // Task records flow once the scan is over and the normal pump polls.
-    ASSERT_TRUE(WaitUntil(
-        [&] { return rings->normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL); }));
   }
   void Inject(const std::string& record) { ASSERT_TRUE(rings->normal->Inject(record.data(), record.size())); }
   // A copy of the table's record of pid, taken under the table's lock once
@@ -193,7 +189,6 @@ class TaskHandlerTest : public ::testing::Test {
 
   kelo_test::LogCapture log;
   std::unique_ptr<kelo_test::ServiceRingBuffers> rings = kelo_test::ServiceRingBuffers::Create();
-  KeloBpfService* service = nullptr;
   kelo_test::IpcClient client{KELO_BPF_CLIENT_SOCKET_NAME};
 };
 

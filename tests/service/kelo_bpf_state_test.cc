@@ -168,14 +168,6 @@ TEST_F(DataStateTest, FailedOpenIsLogged) {
   EXPECT_TRUE(log.contains("[KeloBpfDataState][DumpState] open file failed!"));
 }
 
-TEST_F(DataStateTest, SignalEntryDumpsTheServiceWindow) {
-  KeloBpfDataState::GetInstance()->RecordEvent(STATE_COUNTER_CGROUP_ATTACH_CPUSET_INFO, 5);
-  DumpState(50);
-  const Dump dump = ParseDump(ReadFile(KeloBpfDataState::KELOTASK_DUMP_TEMPLATE));
-  ASSERT_FALSE(dump.rows.empty());
-  EXPECT_EQ(dump.rows[0], (Row{5, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
-}
-
 // A tally hands its counts over at Flush, on its own after FLUSH_EVENTS
 // events, and when it goes; each handing-over lands in the second it happens.
 TEST_F(DataStateTest, TallyHandsItsCountsOverInBatches) {

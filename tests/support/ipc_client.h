@@ -16,6 +16,10 @@ std::string Bytes(const T& value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 inline std::string U32(uint32_t value) { return Bytes(value); }
+// A ring-buffer record: type, 4 reserved bytes, time, then the payload.
+inline std::string RawRecord(uint32_t type, uint64_t ts = 1, const std::string& payload = "") {
+  return U32(type) + U32(0) + Bytes(ts) + payload;
+}
 
 // A frame: length field, level-2 header (type, payload size), payload.
 std::string Frame(uint32_t type, const std::string& payload);

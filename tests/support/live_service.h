@@ -1,6 +1,7 @@
-// The service started in the test's process the way kelobpfd --load starts
-// it: the real kernel programs loaded and pinned in the sandbox's bpffs, the
-// kernel version property set, the entry function called.
+// The service started in the test's process: the way kelobpfd --load starts
+// it (the real kernel programs loaded and pinned in the sandbox's bpffs, the
+// kernel version property set, the entry function called), or on the
+// fixture rings of bpf_fixture.h.
 #pragma once
 
 #include <android-base/file.h>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "service/kelo_bpf_service.h"
+#include "service/kelo_bpf_state.h"
 #include "tests/support/bpf_fixture.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wait.h"
@@ -44,6 +46,23 @@ inline void StartServiceLikeTheDaemon(bool ready = true) {
   SetServiceReady(ready);
   ASSERT_TRUE(Kelo::Bpf::BpfServiceMain());
   ASSERT_TRUE(WaitUntil(ServiceListening));
+}
+
+// Starts the service of this process on the fixture rings, ready at once and
+// made with `config` if this is its first use; returns it once the normal
+// pump has switched every event on, null after reporting that it did not.
+inline Kelo::Bpf::KeloBpfService* StartServiceOnRings(const ServiceRingBuffers& rings,
+                                                      const Kelo::Bpf::KeloBpfServiceConfig& config = {}) {
+  MakeDirs(Kelo::Bpf::KeloBpfDataState::KELOTASK_DUMP_PATH);
+  SetServiceReady(true);
+  Kelo::Bpf::KeloBpfService* service = Kelo::Bpf::KeloBpfService::GetInstance(config);
+  service->start();
+  if (WaitUntil(
+          [&] { return rings.normalStatus->Get(KELO_RB_STATUS_FLAGS) == (KELO_RB_FLAG_CORE | KELO_RB_FLAG_NORMAL); })) {
+    return service;
+  }
+  ADD_FAILURE() << "the normal pump did not switch its events on";
+  return nullptr;
 }
 
 }  // namespace kelo_test

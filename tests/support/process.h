@@ -4,10 +4,13 @@
 #include <android-base/file.h>
 #include <android-base/strings.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,6 +29,48 @@ inline pid_t RunChild(const std::function<void()>& body = {}) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   return pid;
 }
+
+// A child that runs body, given a descriptor that reaches its end when the
+// object goes, and then waits for that end; reaped when the object goes.
+// Children forked later inherit the other end until they exec or exit, so
+// several of them are destroyed in the reverse order of their making.
+class Sleeper {
+ public:
+  explicit Sleeper(const std::function<void(int release)>& body = {}) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      ADD_FAILURE() << "pipe2: " << strerror(errno);
+      return;
+    }
+    pid = fork();
+    if (pid == 0) {
+      close(ends[1]);
+      if (body) body(ends[0]);
+      WaitForRelease(ends[0]);
+      _exit(0);
+    }
+    close(ends[0]);
+    release_ = ends[1];
+  }
+  ~Sleeper() {
+    close(release_);
+    if (pid > 0) waitpid(pid, nullptr, 0);
+  }
+  Sleeper(const Sleeper&) = delete;
+  Sleeper& operator=(const Sleeper&) = delete;
+
+  // In the child: returns once the object in the parent is gone.
+  static void WaitForRelease(int release) {
+    char c;
+    while (read(release, &c, 1) > 0) {
+    }
+  }
+
+  pid_t pid = -1;
+
+ private:
+  int release_ = -1;
+};
 
 // This process's name as /proc/self/comm gives it.
 inline std::string OwnComm() {

@@ -1,5 +1,5 @@
-// The client tool's view of events: type names, JSON form and the filters
-// of `watch`.
+// The client tool's view of events: type names, JSON and text forms and the
+// filters of `watch`.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -13,6 +13,7 @@
 
 #include "bpf/kelo_bpf_events.h"
 #include "tools/kelo_bpf_client_filter.h"
+#include "tools/kelo_bpf_client_format.h"
 #include "tools/kelo_bpf_client_json.h"
 #include "tools/kelo_bpf_client_types.h"
 
@@ -32,6 +33,12 @@ template <typename Record>
 Json ToJson(const Record& record) {
   const std::string buffer = Misaligned(record);
   return EventToJson(buffer.data() + 1, sizeof(record));
+}
+
+template <typename Record>
+std::string Text(const Record& record) {
+  const std::string buffer = Misaligned(record);
+  return FormatClientEvent(buffer.data() + 1, sizeof(record));
 }
 
 template <typename Record>
@@ -141,17 +148,57 @@ TEST(ClientJson, OddProcessNamesStayValidJsonAndLosslessWhenNotUtf8) {
   EXPECT_TRUE(IsValidUtf8("\xf0\x9f\x98\x80 \xe2\x82\xac"));
 }
 
-TEST(ClientJson, ShortAndUnknownRecordsCarryTheirBytes) {
+// The decoder is shared by both forms (the JSON cases cover every field, and
+// every wide field at an odd offset is in the unaligned records test); the
+// text line has key=value words, names of blanks and control bytes as \xNN,
+// unknown enumerations and hex dumps.
+TEST(ClientText, WritesOneSplittableWordPerFieldAndNamesUnknownValues) {
+  kelo_task_create_event fork{};
+  fork.header.type = KELO_EVENT_TASK_CREATE;
+  fork.header.ts = 81234567890123ULL;
+  fork.ppid = 1;
+  fork.pid = 123;
+  memcpy(fork.comm, "bash", 4);
+  fork.kind = KELO_TASK_KIND_PROCESS;
+  EXPECT_EQ(Text(fork), "fork ts=81234567890123 pid=123 ppid=1 uid=0 comm=bash kind=process");
+
+  kelo_task_exit_event exit{};
+  exit.header.type = KELO_EVENT_TASK_EXIT;
+  exit.pid = 9;
+  memcpy(exit.comm, "Web Content\t", 12);
+  exit.kind = 7;
+  EXPECT_EQ(Text(exit), "exit ts=0 pid=9 comm=Web\\x20Content\\x09 kind=unknown(7)");
+
+  kelo_events_lost_client_event lost{};
+  lost.type = KELO_CLIENT_EVENT_EVENTS_LOST;
+  lost.lost_type = KELO_EVENT_TASK_EXIT;
+  lost.site = KELO_LOSS_SITE_KERNEL;
+  lost.count = 1ULL << 33;
+  lost.first_ts = 81234567890123ULL;
+  lost.last_ts = 81234567890124ULL;
+  EXPECT_EQ(Text(lost), "lost lost_type=3 site=kernel count=8589934592 first_ts=81234567890123 last_ts=81234567890124");
+  lost.site = 9;
+  EXPECT_NE(Text(lost).find(" site=unknown(9) "), std::string::npos);
+}
+
+TEST(ClientJson, ShortAndUnknownRecordsCarryTheirBytesInBothForms) {
+  const auto json = [](const auto& words) {
+    return JsonLine(EventToJson(reinterpret_cast<const char*>(words), sizeof(words)));
+  };
+  const auto text = [](const auto& words) {
+    return FormatClientEvent(reinterpret_cast<const char*>(words), sizeof(words));
+  };
   const uint32_t shortFork[] = {KELO_EVENT_TASK_CREATE, 0xabcdef01};
-  const Json json = EventToJson(reinterpret_cast<const char*>(shortFork), sizeof(shortFork));
-  EXPECT_EQ(JsonLine(json),
+  EXPECT_EQ(json(shortFork),
             R"({"record":"event","type":2,"name":"fork","short":true,"size":8,"bytes":"0200000001efcdab"})");
+  EXPECT_EQ(text(shortFork), "fork short record size=8 bytes=02 00 00 00 01 ef cd ab");
   const uint32_t lost[] = {CLIENT_EVENT_LOST, 3};
   EXPECT_EQ(EventToJson(reinterpret_cast<const char*>(lost), sizeof(lost))["name"], "lost");
   const uint32_t unknown[] = {42};
-  EXPECT_EQ(JsonLine(EventToJson(reinterpret_cast<const char*>(unknown), sizeof(unknown))),
-            R"({"record":"event","type":42,"name":"unknown","size":4,"bytes":"2a000000"})");
+  EXPECT_EQ(json(unknown), R"({"record":"event","type":42,"name":"unknown","size":4,"bytes":"2a000000"})");
+  EXPECT_EQ(text(unknown), "unknown type=42 size=4 bytes=2a 00 00 00");
   EXPECT_EQ(JsonLine(EventToJson("\x05", 1)), R"({"record":"event","size":1,"bytes":"05"})");
+  EXPECT_EQ(FormatClientEvent("\x05\x06", 2), "unknown size=2 bytes=05 06");
   EXPECT_FALSE(DescribeEvent("\x05", 1).typed);
 }
 

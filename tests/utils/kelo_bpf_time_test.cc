@@ -20,17 +20,6 @@ int64_t ClockNs(clockid_t clock) {
   return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
-TEST(ReadSymlinkTest, ReturnsTheTargetOfALinkOnly) {
-  TemporaryDir dir;
-  const std::string link = std::string(dir.path) + "/link";
-  const std::string file = std::string(dir.path) + "/file";
-  ASSERT_EQ(symlink("/some/where/else", link.c_str()), 0);
-  ASSERT_TRUE(android::base::WriteStringToFile("x", file));
-  EXPECT_EQ(ReadSymlink(link.c_str()), "/some/where/else");
-  EXPECT_EQ(ReadSymlink(file.c_str()), "");
-  EXPECT_EQ(ReadSymlink((std::string(dir.path) + "/missing").c_str()), "");
-}
-
 TEST(BootNanosecondsTest, IsTheSignExtendedLow32BitsOfTheMonotonicClock) {
   const int64_t before = ClockNs(CLOCK_MONOTONIC);
   const uint64_t value = GetSystemBootNanosencondsTime();
