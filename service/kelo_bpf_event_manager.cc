@@ -16,7 +16,7 @@ EventManager* EventManager::instance = nullptr;
 
 namespace {
 
-thread_local DeferredWakeups* deferredWakeups = nullptr;
+thread_local EventStaging* threadStaging = nullptr;
 
 }  // namespace
 
@@ -197,12 +197,12 @@ void EventManager::NotePacingLocked(int fd, size_t depth, std::vector<int>* crow
   }
 }
 
-const std::vector<size_t>& EventManager::StagingTargetsLocked(DeferredWakeups* deferred, int type) {
-  if (deferred->generation_ != generation) {
-    deferred->targets_.clear();
-    deferred->generation_ = generation;
+const std::vector<size_t>& EventManager::StagingTargetsLocked(EventStaging* staging, int type) {
+  if (staging->generation_ != generation) {
+    staging->targets_.clear();
+    staging->generation_ = generation;
   }
-  for (const auto& [cached, targets] : deferred->targets_) {
+  for (const auto& [cached, targets] : staging->targets_) {
     if (cached == type) return targets;
   }
   std::vector<size_t> targets;
@@ -213,11 +213,11 @@ const std::vector<size_t>& EventManager::StagingTargetsLocked(DeferredWakeups* d
       // subscription by someone other than the endpoint) has nowhere to go.
       ClientConnection* connection = ConnectionLocked(fd);
       if (connection == nullptr) continue;
-      targets.push_back(deferred->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount()));
+      targets.push_back(staging->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount()));
     }
   }
-  deferred->targets_.emplace_back(type, std::move(targets));
-  return deferred->targets_.back().second;
+  staging->targets_.emplace_back(type, std::move(targets));
+  return staging->targets_.back().second;
 }
 
 int EventManager::AppendEvent(char* data, unsigned int size) {
@@ -232,20 +232,20 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
   thread_local std::vector<int> crowded;
   toWake.clear();
   crowded.clear();
-  DeferredWakeups* deferred = DeferredWakeups::OfThisThread();
+  EventStaging* staging = EventStaging::OfThisThread();
   {
     MutexLock lock(keloRawEventManagerLock);
-    if (deferred != nullptr) {
-      const std::vector<size_t>& targets = StagingTargetsLocked(deferred, type);
+    if (staging != nullptr) {
+      const std::vector<size_t>& targets = StagingTargetsLocked(staging, type);
       if (targets.empty()) return 0;
-      const size_t frame = deferred->AddFrame(data, size);
+      const size_t frame = staging->AddFrame(data, size);
       const size_t frameBytes = IPC_FRAME_PREFIX_SIZE + size;
       for (size_t index : targets) {
-        const uint32_t staged = deferred->AddTo(index, frame, frameBytes);
-        const StagedFrames& entry = deferred->staged_[index];
+        const uint32_t staged = staging->AddTo(index, frame, frameBytes);
+        const StagedFrames& entry = staging->staged_[index];
         NotePacingLocked(entry.fd, entry.queued + staged, &crowded);
       }
-      ++deferred->events_;
+      ++staging->events_;
     } else {
       auto subscribers = observersByType.find(type);
       if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
@@ -263,7 +263,7 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
     }
   }
   // A sender is only waited for once it has been told.
-  if (deferred != nullptr && (deferred->Due() || !crowded.empty())) deferred->Flush();
+  if (staging != nullptr && (staging->Due() || !crowded.empty())) staging->Flush();
   for (int fd : crowded) WaitForSender(fd);
   return 0;
 }
@@ -321,16 +321,16 @@ bool EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrame
   return shared;
 }
 
-DeferredWakeups::DeferredWakeups() : block_(std::make_shared<std::string>()) { deferredWakeups = this; }
+EventStaging::EventStaging() : block_(std::make_shared<std::string>()) { threadStaging = this; }
 
-DeferredWakeups::~DeferredWakeups() {
-  deferredWakeups = nullptr;
+EventStaging::~EventStaging() {
+  threadStaging = nullptr;
   Flush();
 }
 
-DeferredWakeups* DeferredWakeups::OfThisThread() { return deferredWakeups; }
+EventStaging* EventStaging::OfThisThread() { return threadStaging; }
 
-size_t DeferredWakeups::EntryOf(int fd, uint64_t serial, size_t queued) {
+size_t EventStaging::EntryOf(int fd, uint64_t serial, size_t queued) {
   auto entry = std::find_if(staged_.begin(), staged_.end(), [fd](const StagedFrames& s) { return s.fd == fd; });
   if (entry == staged_.end()) {
     entry = staged_.emplace(staged_.end());
@@ -343,7 +343,7 @@ size_t DeferredWakeups::EntryOf(int fd, uint64_t serial, size_t queued) {
   return static_cast<size_t>(entry - staged_.begin());
 }
 
-size_t DeferredWakeups::AddFrame(const char* record, uint32_t size) {
+size_t EventStaging::AddFrame(const char* record, uint32_t size) {
   const size_t offset = block_->size();
   char prefix[IPC_FRAME_PREFIX_SIZE];
   WriteFramePrefix(IPC_PACKAGE_TYPE_EVENT, size, prefix);
@@ -352,7 +352,7 @@ size_t DeferredWakeups::AddFrame(const char* record, uint32_t size) {
   return offset;
 }
 
-uint32_t DeferredWakeups::AddTo(size_t index, size_t offset, size_t bytes) {
+uint32_t EventStaging::AddTo(size_t index, size_t offset, size_t bytes) {
   StagedFrames& entry = staged_[index];
   // Frames that follow each other in the block form one slice, up to a run.
   if (entry.slices.empty() || entry.slices.back().offset + entry.slices.back().bytes != offset ||
@@ -366,7 +366,7 @@ uint32_t DeferredWakeups::AddTo(size_t index, size_t offset, size_t bytes) {
   return ++entry.count;
 }
 
-void DeferredWakeups::Flush() {
+void EventStaging::Flush() {
   events_ = 0;
   // The staged entries' indexes change when a flush drops entries.
   targets_.clear();

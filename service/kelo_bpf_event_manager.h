@@ -45,7 +45,7 @@ struct ClientConnection {
   uint64_t serial = 0;
 };
 
-// The event frames that a publisher with a DeferredWakeups holds for one
+// The event frames that a publisher with an EventStaging holds for one
 // connection until its next flush: slices of the publisher's frame block.
 struct StagedFrames {
   int fd = -1;
@@ -71,7 +71,7 @@ inline constexpr std::chrono::milliseconds PACE_STALL_LIMIT{20};
 inline constexpr std::chrono::milliseconds PACE_WAIT_LIMIT{100};
 inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{200};
 
-class DeferredWakeups;
+class EventStaging;
 
 class EventManager {
  public:
@@ -104,7 +104,7 @@ class EventManager {
   // connection subscribed to the type, in subscription order, and then the
   // endpoint is asked to write to each of them whose queue has no write
   // request pending already: at once, or at the next flush of the calling
-  // thread's DeferredWakeups when it has one. Always 0.
+  // thread's EventStaging when it has one. Always 0.
   //
   // A client that reads more slowly than events come loses its oldest
   // packages to its queue's trim, and only it does: by default nothing waits
@@ -122,7 +122,7 @@ class EventManager {
   // Times a publisher waited for a paced connection's sender.
   uint64_t PacingWaits() const { return pacingWaits.load(std::memory_order_relaxed); }
 
-  // Queues the frames staged by a DeferredWakeups, slices of `block`, for
+  // Queues the frames staged by an EventStaging, slices of `block`, for
   // the connections that are still those they were staged for, empties the
   // entries (dropping those of connections gone) and wakes the senders that
   // have no wake-up pending. A connection whose frames are less than half of
@@ -170,11 +170,10 @@ class EventManager {
 
   // fd's connection, or null.
   ClientConnection* ConnectionLocked(int fd) REQUIRES(keloRawEventManagerLock);
-  // The indexes of `deferred`'s staged entries of the connections
+  // The indexes of `staging`'s staged entries of the connections
   // subscribed to `type`, in subscription order; cached until the next
   // change of connections or subscriptions, or the next flush.
-  const std::vector<size_t>& StagingTargetsLocked(DeferredWakeups* deferred, int type)
-      REQUIRES(keloRawEventManagerLock);
+  const std::vector<size_t>& StagingTargetsLocked(EventStaging* staging, int type) REQUIRES(keloRawEventManagerLock);
   // Notes that a publisher's queue for fd is `depth` packages deep: adds fd
   // to `crowded` when the publisher is to wait for its sender.
   void NotePacingLocked(int fd, size_t depth, std::vector<int>* crowded) REQUIRES(keloRawEventManagerLock);
@@ -213,18 +212,18 @@ class EventManager {
 // instead of one per record, the frames are built once however many
 // connections take them, and the sender fills its buffer with many records
 // per send. Not shared between threads; at most one per thread.
-class DeferredWakeups {
+class EventStaging {
  public:
   static constexpr int WAKE_BATCH_EVENTS = 256;
 
-  DeferredWakeups();
+  EventStaging();
   // Queues and wakes whatever is still staged.
-  ~DeferredWakeups();
-  DeferredWakeups(const DeferredWakeups&) = delete;
-  DeferredWakeups& operator=(const DeferredWakeups&) = delete;
+  ~EventStaging();
+  EventStaging(const EventStaging&) = delete;
+  EventStaging& operator=(const EventStaging&) = delete;
 
   // The instance living on the calling thread, or null.
-  static DeferredWakeups* OfThisThread();
+  static EventStaging* OfThisThread();
 
   // Whether WAKE_BATCH_EVENTS events were published since the last Flush.
   bool Due() const { return events_ >= WAKE_BATCH_EVENTS; }

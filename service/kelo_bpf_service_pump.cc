@@ -87,7 +87,7 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
   // Declared after the tally, so the scope ends before the tally's last flush.
   EventTally tally(KeloBpfDataState::GetInstance());
   PumpTallyScope tallyScope(&tally);
-  DeferredWakeups wakeups;
+  EventStaging staging;
   PollTimer timer(budget);
   int failures = 0;
   while (true) {
@@ -110,7 +110,7 @@ int KeloBpfService::runPump(const PumpTraits& pump) {
     // The records of this poll are counted, and their subscribers' senders
     // woken, before the pump waits again.
     tally.Flush();
-    wakeups.Flush();
+    staging.Flush();
     ReportRefusedDumps();
     if (result >= 0) {
       if (!checkBpfRingBuffStatus(pump.index, false)) lossReporter->NoteRingFull();

@@ -134,21 +134,21 @@ TEST_F(ClientTest, APacedReadingClientLosesNothingOfABurstBeyondTheQueueBoundWhi
 // beyond the queue bound still reaches a reading client whole, and what was
 // staged for a connection gone meanwhile goes to nobody, not to a new
 // connection on its descriptor.
-TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
+TEST_F(ClientTest, AStagingPublisherTellsSendersAtFlushesAndInBatches) {
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
   ASSERT_EQ(client.Ask(2, REQ_SET_PACING, 1), 0);
   // The endpoint's loop may still be in the write round of that response,
   // which takes whatever was queued meanwhile.
   ASSERT_TRUE(kelo_test::WaitUntil([] { return kelo_test::ThreadIdleInEpoll(KeloBpfService::IPC_THREAD_NAME); }));
   std::thread([this] {
-    DeferredWakeups wakeups;
+    EventStaging staging;
     const std::string first = Publish(4, "held");
     EXPECT_FALSE(client.Next(200ms)) << "nothing sent before the flush";
-    wakeups.Flush();
+    staging.Flush();
     client.ExpectEvent(first);
 
     std::vector<std::string> batch;
-    for (int i = 0; i < DeferredWakeups::WAKE_BATCH_EVENTS; ++i) batch.push_back(Publish(4, kelo_test::Bytes(i)));
+    for (int i = 0; i < EventStaging::WAKE_BATCH_EVENTS; ++i) batch.push_back(Publish(4, kelo_test::Bytes(i)));
     for (const std::string& record : batch) client.ExpectEvent(record);
 
     // Beyond the queue bound, so the publisher is paced.
@@ -157,7 +157,7 @@ TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
       for (int i = 0; i < kRecords && !HasFailure(); ++i) client.ExpectEvent(kelo_test::Bytes(4) + kelo_test::Bytes(i));
     });
     for (int i = 0; i < kRecords; ++i) Publish(4, kelo_test::Bytes(i));
-    wakeups.Flush();
+    staging.Flush();
     reader.join();
 
     const std::set<std::string> connected = SocketFds();
@@ -171,26 +171,26 @@ TEST_F(ClientTest, ADeferringPublisherTellsSendersAtFlushesAndInBatches) {
     ASSERT_TRUE(next.Connect());
     ASSERT_EQ(next.Ask(3, REQ_ADD_OBSERVER_EVENT, 4), 0);
     ASSERT_EQ(SocketFds(), connected);
-    wakeups.Flush();
+    staging.Flush();
     EXPECT_FALSE(log.contains("the socket fd does not exist"));
     const std::string fresh = Publish(4, "fresh");
-    wakeups.Flush();
+    staging.Flush();
     next.ExpectEvent(fresh);
   }).join();
 }
 
-// A deferring publisher frames each event once for every connection: each
+// A staging publisher frames each event once for every connection: each
 // still receives exactly its own types in order, whether it shares the
 // publisher's frames or (wanting less than half of them) gets copies, and a
 // subscription made between two flushes applies to the very next event.
-TEST_F(ClientTest, ADeferringPublisherGivesEachConnectionItsOwnEventsInOrder) {
+TEST_F(ClientTest, AStagingPublisherGivesEachConnectionItsOwnEventsInOrder) {
   Client fives;
   ASSERT_TRUE(fives.Connect());
   ASSERT_EQ(client.Ask(1, REQ_ADD_OBSERVER_EVENT, 4), 0);
   ASSERT_EQ(client.Ask(2, REQ_ADD_OBSERVER_EVENT, 5), 0);
   ASSERT_EQ(fives.Ask(1, REQ_ADD_OBSERVER_EVENT, 5), 0);
   std::thread([&] {
-    DeferredWakeups wakeups;
+    EventStaging staging;
     std::vector<std::string> all, ofType5;
     for (int i = 0; i < 100; ++i) {
       all.push_back(Publish(i % 3 == 0 ? 5 : 4, kelo_test::Bytes(i)));
@@ -198,7 +198,7 @@ TEST_F(ClientTest, ADeferringPublisherGivesEachConnectionItsOwnEventsInOrder) {
     }
     ASSERT_EQ(fives.Ask(2, REQ_ADD_OBSERVER_EVENT, 4), 0);
     const std::string late = Publish(4, "late");
-    wakeups.Flush();
+    staging.Flush();
     for (const std::string& record : all) client.ExpectEvent(record);
     client.ExpectEvent(late);
     for (const std::string& record : ofType5) fives.ExpectEvent(record);
@@ -217,7 +217,7 @@ TEST_F(ClientTest, AWakeUpThatCouldNotBeDeliveredIsAskedForAgainByTheNextEvent) 
   kelo_test::LogCapture log;
   for (int i = 0; i < 3; ++i) Publish(6);
   std::thread([] {
-    DeferredWakeups wakeups;
+    EventStaging staging;
     Publish(6);
   }).join();
   EXPECT_EQ(log.count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 4);
