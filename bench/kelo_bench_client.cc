@@ -45,8 +45,7 @@ uint32_t WordAt(const char* bytes) {
   return value;
 }
 
-}  // namespace
-
+// Sends every byte, blocking; false when the peer is gone.
 bool SendAll(int fd, const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
@@ -57,6 +56,8 @@ bool SendAll(int fd, const std::string& bytes) {
   }
   return true;
 }
+
+}  // namespace
 
 std::string EventFrames(const std::string& record, size_t count) {
   std::string frame;

@@ -31,8 +31,6 @@ int64_t NowNs();
 // `limit` passed; empty on failure.
 android::base::unique_fd ConnectAbstract(const std::string& name, std::chrono::milliseconds limit);
 
-// Sends every byte, blocking; false when the peer is gone.
-bool SendAll(int fd, const std::string& bytes);
 // `count` event frames around `record`, byte for byte as the service sends
 // them.
 std::string EventFrames(const std::string& record, size_t count);

@@ -29,6 +29,15 @@ class IpcPackageManagerTest : public ::testing::Test {
     buffer.allocate(BUFFER_SIZE);
   }
   std::string contents() const { return std::string(buffer.buffer.data(), buffer.bufferDataCursor); }
+  // Leaves `room` bytes of the buffer free and fills them with
+  // fillNextIpcPackagesToBuffer; what the packages moved took, their number
+  // in *moved.
+  std::string fillNextInto(size_t room, size_t* moved) {
+    const size_t start = BUFFER_SIZE - room;
+    buffer.bufferDataCursor = start;
+    *moved = queue.fillNextIpcPackagesToBuffer(&buffer);
+    return std::string(buffer.buffer.data() + start, buffer.bufferDataCursor - start);
+  }
   bool logged(const std::string& text) const { return kelo_test::ErrorLogText().find(text) != std::string::npos; }
   IpcPackageManager queue;
   BufferState buffer;
@@ -183,11 +192,10 @@ TEST_F(IpcPackageManagerTest, RunsOfEventsKeepEveryPackagesPlaceAndCount) {
   // Room for the front package and one and a half events: the run gives
   // its first whole frame and keeps the rest.
   const size_t eventFrame = Frame(3, event(0)).size();
-  buffer.bufferDataCursor = BUFFER_SIZE - Frame(3, "front").size() - eventFrame - eventFrame / 2;
-  const size_t start = buffer.bufferDataCursor;
-  EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
-  EXPECT_EQ(std::string(buffer.buffer.data() + start, buffer.bufferDataCursor - start),
+  size_t moved = 0;
+  EXPECT_EQ(fillNextInto(Frame(3, "front").size() + eventFrame + eventFrame / 2, &moved),
             Frame(3, "front") + Frame(3, event(0)));
+  EXPECT_EQ(moved, 2u);
   EXPECT_EQ(queue.getIpcPackageCount(), 5u);
   buffer.clear();
   EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
@@ -257,11 +265,10 @@ TEST_F(IpcPackageManagerTest, SlicesOfASharedBlockKeepTheirFramesAndCount) {
 
   // Room for the package and one and a half frames of the first slice.
   const size_t frame = Frame(3, event(0)).size();
-  buffer.bufferDataCursor = BUFFER_SIZE - Frame(3, "before").size() - frame - frame / 2;
-  const size_t start = buffer.bufferDataCursor;
-  EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
-  EXPECT_EQ(std::string(buffer.buffer.data() + start, buffer.bufferDataCursor - start),
+  size_t moved = 0;
+  EXPECT_EQ(fillNextInto(Frame(3, "before").size() + frame + frame / 2, &moved),
             Frame(3, "before") + Frame(3, event(1)));
+  EXPECT_EQ(moved, 2u);
   buffer.clear();
   EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
   EXPECT_EQ(contents(), frames.substr(starts[2], starts[4] - starts[2]) + frames.substr(starts[5]));
