@@ -12,7 +12,6 @@ namespace Kelo {
 namespace Bpf {
 
 Mutex EventManager::keloRawEventManagerLock;
-EventManager* EventManager::instance = nullptr;
 
 namespace {
 
@@ -21,8 +20,7 @@ thread_local EventStaging* threadStaging = nullptr;
 }  // namespace
 
 EventManager* EventManager::GetInstance() {
-  MutexLock lock(keloRawEventManagerLock);
-  if (instance == nullptr) instance = new EventManager();
+  static EventManager* const instance = new EventManager();
   return instance;
 }
 
@@ -63,6 +61,7 @@ void EventManager::EraseObserverLocked(int fd) {
 
 void EventManager::SetPacing(int fd, bool paced) {
   MutexLock lock(keloRawEventManagerLock);
+  ++generation;
   if (paced) {
     pacedConnections.insert(fd);
   } else {
@@ -183,7 +182,7 @@ void EventManager::WaitForSender(int fd) {
     }
     if (now - lastProgress >= PACE_STALL_LIMIT || now - start >= PACE_WAIT_LIMIT) {
       MutexLock lock(keloRawEventManagerLock);
-      if (observersByFd.count(fd) != 0) stalledSenders.insert(fd);
+      if (observersByFd.count(fd) != 0 && stalledSenders.insert(fd).second) ++generation;
       return;
     }
   }
@@ -192,19 +191,17 @@ void EventManager::WaitForSender(int fd) {
 void EventManager::NotePacingLocked(int fd, size_t depth, std::vector<int>* crowded) {
   if (depth >= PACE_START_DEPTH) {
     if (stalledSenders.count(fd) == 0 && pacedConnections.count(fd) != 0) crowded->push_back(fd);
-  } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty()) {
-    stalledSenders.erase(fd);
+  } else if (depth <= PACE_RESUME_DEPTH && !stalledSenders.empty() && stalledSenders.erase(fd) != 0) {
+    ++generation;
   }
 }
 
 const std::vector<size_t>& EventManager::StagingTargetsLocked(EventStaging* staging, int type) {
-  if (staging->generation_ != generation) {
+  if (staging->generation_ != generation.load(std::memory_order_relaxed)) {
     staging->targets_.clear();
-    staging->generation_ = generation;
+    staging->generation_ = generation.load(std::memory_order_relaxed);
   }
-  for (const auto& [cached, targets] : staging->targets_) {
-    if (cached == type) return targets;
-  }
+  if (const std::vector<size_t>* cached = staging->CachedTargets(type, staging->generation_)) return *cached;
   std::vector<size_t> targets;
   auto subscribers = observersByType.find(type);
   if (subscribers != observersByType.end()) {
@@ -213,7 +210,10 @@ const std::vector<size_t>& EventManager::StagingTargetsLocked(EventStaging* stag
       // subscription by someone other than the endpoint) has nowhere to go.
       ClientConnection* connection = ConnectionLocked(fd);
       if (connection == nullptr) continue;
-      targets.push_back(staging->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount()));
+      const size_t index = staging->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount());
+      StagedFrames& entry = staging->staged_[index];
+      entry.paced = pacedConnections.count(fd) != 0 && stalledSenders.count(fd) == 0;
+      targets.push_back(index);
     }
   }
   staging->targets_.emplace_back(type, std::move(targets));
@@ -233,34 +233,38 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
   toWake.clear();
   crowded.clear();
   EventStaging* staging = EventStaging::OfThisThread();
-  {
-    MutexLock lock(keloRawEventManagerLock);
-    if (staging != nullptr) {
-      const std::vector<size_t>& targets = StagingTargetsLocked(staging, type);
-      if (targets.empty()) return 0;
-      const size_t frame = staging->AddFrame(data, size);
-      const size_t frameBytes = IPC_FRAME_PREFIX_SIZE + size;
-      for (size_t index : targets) {
-        const uint32_t staged = staging->AddTo(index, frame, frameBytes);
-        const StagedFrames& entry = staging->staged_[index];
-        NotePacingLocked(entry.fd, entry.queued + staged, &crowded);
-      }
-      ++staging->events_;
-    } else {
-      auto subscribers = observersByType.find(type);
-      if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
-      for (int fd : subscribers->second) {
-        ClientConnection* connection = ConnectionLocked(fd);
-        if (connection == nullptr) continue;
-        IpcPackageManager& packages = connection->queue;
-        packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
-        if (packages.requestSend()) toWake.push_back(fd);
-        NotePacingLocked(fd, packages.getIpcPackageCount(), &crowded);
-      }
-      // Every package of the event is queued before the first connection is
-      // told.
-      if (!toWake.empty()) NotifySendersLocked(toWake);
+  if (staging != nullptr) {
+    // The subscribers this thread cached while the registry has not changed
+    // since: no lock is taken.
+    const std::vector<size_t>* targets = staging->CachedTargets(type, generation.load(std::memory_order_acquire));
+    if (targets == nullptr) {
+      MutexLock lock(keloRawEventManagerLock);
+      targets = &StagingTargetsLocked(staging, type);
     }
+    if (targets->empty()) return 0;
+    const size_t frame = staging->AddFrame(data, size);
+    const size_t frameBytes = IPC_FRAME_PREFIX_SIZE + size;
+    for (size_t index : *targets) {
+      const uint32_t staged = staging->AddTo(index, frame, frameBytes);
+      const StagedFrames& entry = staging->staged_[index];
+      if (entry.paced && entry.queued + staged >= PACE_START_DEPTH) crowded.push_back(entry.fd);
+    }
+    ++staging->events_;
+  } else {
+    MutexLock lock(keloRawEventManagerLock);
+    auto subscribers = observersByType.find(type);
+    if (subscribers == observersByType.end() || subscribers->second.empty()) return 0;
+    for (int fd : subscribers->second) {
+      ClientConnection* connection = ConnectionLocked(fd);
+      if (connection == nullptr) continue;
+      IpcPackageManager& packages = connection->queue;
+      packages.appendEventToRun(IPC_PACKAGE_TYPE_EVENT, data, size);
+      if (packages.requestSend()) toWake.push_back(fd);
+      NotePacingLocked(fd, packages.getIpcPackageCount(), &crowded);
+    }
+    // Every package of the event is queued before the first connection is
+    // told.
+    if (!toWake.empty()) NotifySendersLocked(toWake);
   }
   // A sender is only waited for once it has been told.
   if (staging != nullptr && (staging->Due() || !crowded.empty())) staging->Flush();
@@ -306,6 +310,11 @@ bool EventManager::AppendStaged(const FrameBlock& block, std::vector<StagedFrame
         entry->bytes = 0;
       }
       entry->queued = connection->queue.getIpcPackageCount();
+      // A sender given up on is waited for again once its queue drained;
+      // the changed generation makes publishers look at its pacing again.
+      if (entry->queued <= PACE_RESUME_DEPTH && !stalledSenders.empty() && stalledSenders.erase(entry->fd) != 0) {
+        ++generation;
+      }
       ++entry;
     }
     waker = senderWaker;
@@ -366,11 +375,18 @@ uint32_t EventStaging::AddTo(size_t index, size_t offset, size_t bytes) {
   return ++entry.count;
 }
 
+const std::vector<size_t>* EventStaging::CachedTargets(int type, uint64_t generation) const {
+  if (generation != generation_) return nullptr;
+  for (const auto& [cached, targets] : targets_) {
+    if (cached == type) return &targets;
+  }
+  return nullptr;
+}
+
 void EventStaging::Flush() {
   events_ = 0;
-  // The staged entries' indexes change when a flush drops entries.
-  targets_.clear();
   if (staged_.empty()) return;
+  const size_t entries = staged_.size();
   // A block that no queue took is used again; one that a queue took is
   // never written again.
   if (EventManager::GetInstance()->AppendStaged(block_, &staged_)) {
@@ -378,6 +394,8 @@ void EventStaging::Flush() {
   } else {
     block_->clear();
   }
+  // The staged entries' indexes change when a flush drops entries.
+  if (staged_.size() != entries) targets_.clear();
 }
 
 }  // namespace Bpf

@@ -56,6 +56,9 @@ struct StagedFrames {
   size_t bytes = 0;
   // Packages in the connection's queue when it was last looked at.
   size_t queued = 0;
+  // Whether a crowded queue holds the publisher back: the connection asked
+  // to be paced and its sender is not given up on. As of the last look.
+  bool paced = false;
 };
 
 // Package type under which events travel to clients, the record as payload.
@@ -75,8 +78,8 @@ class EventStaging;
 
 class EventManager {
  public:
-  // Made on first call and never destroyed.
-  static EventManager* GetInstance() EXCLUDES(keloRawEventManagerLock);
+  // Made on first call and never destroyed. Takes no lock.
+  static EventManager* GetInstance();
 
   // Subscribes connection fd to event type `type`; subscribing twice changes
   // nothing.
@@ -148,7 +151,7 @@ class EventManager {
   // closed). The IPC thread only.
   void CloseConnection(int fd) EXCLUDES(keloRawEventManagerLock);
 
-  // Guards the registry instance, both subscription maps and the queue map
+  // Guards both subscription maps and the queue map
   // they point into (see the file comment for the lock order).
   static Mutex keloRawEventManagerLock;
 
@@ -171,8 +174,9 @@ class EventManager {
   // fd's connection, or null.
   ClientConnection* ConnectionLocked(int fd) REQUIRES(keloRawEventManagerLock);
   // The indexes of `staging`'s staged entries of the connections
-  // subscribed to `type`, in subscription order; cached until the next
-  // change of connections or subscriptions, or the next flush.
+  // subscribed to `type`, in subscription order, with the entries' depth
+  // and pacing brought up to date; cached until the next change of
+  // connections, subscriptions or pacing, or a flush that drops entries.
   const std::vector<size_t>& StagingTargetsLocked(EventStaging* staging, int type) REQUIRES(keloRawEventManagerLock);
   // Notes that a publisher's queue for fd is `depth` packages deep: adds fd
   // to `crowded` when the publisher is to wait for its sender.
@@ -183,8 +187,12 @@ class EventManager {
   std::map<int, std::unique_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
   // Connections opened so far; the serial of the next.
   uint64_t connectionsOpened GUARDED_BY(keloRawEventManagerLock) = 0;
-  // Changes with every connection and subscription made or dropped.
-  uint64_t generation GUARDED_BY(keloRawEventManagerLock) = 0;
+  // Changes, under keloRawEventManagerLock, with every connection,
+  // subscription or pacing made or dropped and every sender given up on or
+  // taken back. Publishers with an EventStaging read it without the lock to
+  // tell whether the subscribers they cached are still those of the
+  // registry, so that a published event takes no lock.
+  std::atomic<uint64_t> generation{0};
   SenderWaker senderWaker GUARDED_BY(keloRawEventManagerLock);
   // Types each connection subscribed to, in subscription order, no duplicates.
   std::map<int, std::vector<int>> observersByFd GUARDED_BY(keloRawEventManagerLock);
@@ -197,8 +205,6 @@ class EventManager {
   // Connections that asked to be paced.
   std::set<int> pacedConnections GUARDED_BY(keloRawEventManagerLock);
   std::atomic<uint64_t> pacingWaits{0};
-
-  static EventManager* instance GUARDED_BY(keloRawEventManagerLock);
 };
 
 // While one lives on a thread, the AppendEvent calls of that thread stage
@@ -242,6 +248,9 @@ class EventStaging {
   // Stages the frame of `bytes` bytes at `offset` for entry `index`; the
   // number of frames now staged for it.
   uint32_t AddTo(size_t index, size_t offset, size_t bytes);
+  // The cached entries of type's subscribers while the registry is still at
+  // `generation`, or null.
+  const std::vector<size_t>* CachedTargets(int type, uint64_t generation) const;
 
   // Frames of the events since the last flush, each once.
   std::shared_ptr<std::string> block_;
