@@ -107,9 +107,9 @@ ClientConnection* EventManager::ConnectionLocked(int fd) {
 
 IpcPackageManager* EventManager::OpenConnection(int fd, IpcPackageManager::TrimListener onTrim) {
   MutexLock lock(keloRawEventManagerLock);
-  std::unique_ptr<ClientConnection>& connection = connections[fd];
+  std::shared_ptr<ClientConnection>& connection = connections[fd];
   if (!connection) {
-    connection = std::make_unique<ClientConnection>();
+    connection = std::make_shared<ClientConnection>();
     connection->queue.setTrimListener(std::move(onTrim));
     connection->serial = ++connectionsOpened;
     ++generation;
@@ -124,7 +124,7 @@ IpcPackageManager* EventManager::QueueOf(int fd) {
 }
 
 void EventManager::CloseConnection(int fd) {
-  std::unique_ptr<ClientConnection> closed;
+  std::shared_ptr<ClientConnection> closed;
   {
     MutexLock lock(keloRawEventManagerLock);
     EraseObserverLocked(fd);
@@ -165,15 +165,23 @@ void EventManager::WaitForSender(int fd) {
   using Clock = std::chrono::steady_clock;
   const RingFillGauge* ring = RingFillGauge::OfThisThread();
   if (ring != nullptr && ring->MoreThanHalfFull()) return;
+  std::shared_ptr<ClientConnection> connection;
+  {
+    MutexLock lock(keloRawEventManagerLock);
+    auto found = connections.find(fd);
+    if (found != connections.end()) connection = found->second;
+  }
+  if (!connection) return;
   pacingWaits.fetch_add(1, std::memory_order_relaxed);
   size_t depth = QueueDepth(fd);
   const Clock::time_point start = Clock::now();
   Clock::time_point lastProgress = start;
   while (depth > PACE_RESUME_DEPTH) {
-    std::this_thread::sleep_for(PACE_POLL_INTERVAL);
+    connection->queue.waitDepthAtMost(PACE_RESUME_DEPTH, PACE_POLL_INTERVAL);
     // The kernel is about to lose events for everyone: this client takes
     // the trim instead.
     if (ring != nullptr && ring->MoreThanHalfFull()) return;
+    // 0 once the connection closed.
     const size_t current = QueueDepth(fd);
     const Clock::time_point now = Clock::now();
     if (current < depth) {

@@ -69,10 +69,11 @@ inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
 inline constexpr size_t PACE_START_DEPTH = IPC_QUEUE_HIGH_WATER * 9 / 10;
 inline constexpr size_t PACE_RESUME_DEPTH = IPC_QUEUE_HIGH_WATER * 5 / 10;
 // How long a waiting publisher lets a sender go without progress, how long
-// it waits at most, and how often it looks.
+// it waits at most, and how often it looks at the ring and for progress
+// when the sender does not wake it first.
 inline constexpr std::chrono::milliseconds PACE_STALL_LIMIT{20};
 inline constexpr std::chrono::milliseconds PACE_WAIT_LIMIT{100};
-inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{200};
+inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{50};
 
 class EventStaging;
 
@@ -184,7 +185,9 @@ class EventManager {
   // Drops every subscription of fd and its pacing.
   void EraseObserverLocked(int fd) REQUIRES(keloRawEventManagerLock);
 
-  std::map<int, std::unique_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
+  // Shared with a publisher that waits on a queue (WaitForSender), so that
+  // the queue outlives a close meanwhile.
+  std::map<int, std::shared_ptr<ClientConnection>> connections GUARDED_BY(keloRawEventManagerLock);
   // Connections opened so far; the serial of the next.
   uint64_t connectionsOpened GUARDED_BY(keloRawEventManagerLock) = 0;
   // Changes, under keloRawEventManagerLock, with every connection,

@@ -123,8 +123,24 @@ struct BufferState {
   size_t bufferCursor = 0;
   size_t bufferDataCursor = 0;
   std::vector<char> buffer;
+  // Bytes a fill brings the data up to at most, below the buffer's size, or
+  // 0 for the whole buffer; a frame that needs more still goes alone into an
+  // empty buffer.
+  size_t fillLimit = 0;
 
   size_t bufferSize() const { return buffer.size(); }
+  bool holdsData() const { return bufferDataCursor > bufferCursor; }
+  // Free space behind the data that a fill may take for a frame of
+  // `frameBytes`: up to fillLimit, or to the buffer's end for a frame that
+  // would not fit fillLimit and comes into an empty buffer. A data cursor
+  // beyond the buffer is damage: the room is then unbounded, so that the
+  // write itself refuses the bytes.
+  size_t fillRoom(size_t frameBytes) const {
+    if (bufferDataCursor > buffer.size()) return SIZE_MAX;
+    size_t end = buffer.size();
+    if (fillLimit != 0 && fillLimit < end && (holdsData() || frameBytes <= fillLimit)) end = fillLimit;
+    return bufferDataCursor >= end ? 0 : end - bufferDataCursor;
+  }
 
   // Gives the buffer exactly `size` zero bytes and empties it.
   void allocate(size_t size) {

@@ -229,7 +229,12 @@ void IpcPackageManager::popFront() {
   const uint32_t frames = queue.front().frames;
   queued -= frames == 0 ? 1 : frames;
   queue.pop_front();
+  noteTakenLocked();
+}
+
+void IpcPackageManager::noteTakenLocked() {
   count.store(queued, std::memory_order_relaxed);
+  if (drainWaiters != 0 && queued <= drainDepth) drained.notify_all();
 }
 
 bool IpcPackageManager::dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) {
@@ -270,15 +275,19 @@ void IpcPackageManager::consumeRunLocked(Entry* run, size_t bytes, uint32_t fram
   run->bytes -= bytes;
   run->frames -= frames;
   queued -= frames;
-  count.store(queued, std::memory_order_relaxed);
+  noteTakenLocked();
 }
 
 size_t IpcPackageManager::fillFromRunLocked(BufferState* bufferState) {
   Entry& entry = queue.front();
   const char* run = entry.runData();
-  const size_t free = bufferState->bufferSize() - bufferState->bufferDataCursor;
   size_t bytes = 0;
   uint32_t frames = 0;
+  uint32_t firstSize = 0;
+  memcpy(&firstSize, run, sizeof(firstSize));
+  // The first frame may need the whole of an empty buffer; the others go
+  // behind it only up to the fill limit.
+  const size_t free = bufferState->fillRoom(IPC_FRAME_HEADER_SIZE + static_cast<size_t>(firstSize));
   if (entry.bytes <= free) {
     // The whole run fits: one copy, without reading its frames' lengths one
     // by one, each from a cache line the publisher's processor wrote.
@@ -320,7 +329,7 @@ size_t IpcPackageManager::fillNextLocked(BufferState* bufferState) {
   }
   if (queue.front().frames != 0) return fillFromRunLocked(bufferState);
   const KeloIpcPackage& ipcPackage = queue.front().package;
-  if (!FrameFits(ipcPackage.size, bufferState->bufferSize() - bufferState->bufferDataCursor)) return 0;
+  if (!FrameFits(ipcPackage.size, bufferState->fillRoom(IPC_FRAME_HEADER_SIZE + size_t{ipcPackage.size}))) return 0;
   CHECK(bufferState->write(ipcPackage.size));
   CHECK(bufferState->write(ipcPackage.data));
   popFront();
@@ -340,7 +349,7 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
       continue;
     }
     const KeloIpcPackage& ipcPackage = queue.front().package;
-    if (!FrameFits(ipcPackage.size, bufferState->bufferSize() - bufferState->bufferDataCursor)) break;
+    if (!FrameFits(ipcPackage.size, bufferState->fillRoom(IPC_FRAME_HEADER_SIZE + size_t{ipcPackage.size}))) break;
     CHECK(bufferState->write(ipcPackage.size));
     CHECK(bufferState->write(ipcPackage.data));
     popFront();
@@ -371,3 +380,18 @@ void IpcPackageManager::waitEventReady(int timeoutMs) {
 }
 
 void IpcPackageManager::notifyEventReady() { eventReady.notify_all(); }
+
+bool IpcPackageManager::waitDepthAtMost(size_t depth, std::chrono::microseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex.native());
+  // The analysis cannot see that `lock` holds mutex.
+  auto shortEnough = [this, depth]() NO_THREAD_SAFETY_ANALYSIS { return queued <= depth; };
+  auto enter = [this, depth]() NO_THREAD_SAFETY_ANALYSIS {
+    if (drainWaiters++ == 0 || depth > drainDepth) drainDepth = depth;
+  };
+  auto leave = [this]() NO_THREAD_SAFETY_ANALYSIS { --drainWaiters; };
+  if (shortEnough()) return true;
+  enter();
+  const bool reached = drained.wait_for(lock, timeout, shortEnough);
+  leave();
+  return reached;
+}

@@ -27,6 +27,7 @@
 #include <android-base/thread_annotations.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -111,6 +112,10 @@ class IpcPackageManager {
   void waitEventReady(int timeoutMs);
   // Wakes every waiter, e.g. at shut-down.
   void notifyEventReady();
+  // Waits until the sender has taken the queue down to `depth` packages or
+  // `timeout` passed; whether it holds at most `depth` now. The sender wakes
+  // the waiter as soon as it gets there.
+  bool waitDepthAtMost(size_t depth, std::chrono::microseconds timeout);
   // Current number of queued packages; a snapshot taken without the lock.
   size_t getIpcPackageCount() const { return count.load(std::memory_order_relaxed); }
 
@@ -165,6 +170,9 @@ class IpcPackageManager {
   // true if it did.
   bool dropUnsendableFront(const BufferState* bufferState, int errorCode, const char* errorText) REQUIRES(mutex);
   void popFront() REQUIRES(mutex);
+  // Stores the new count after packages left the queue, waking the
+  // waitDepthAtMost callers it satisfies.
+  void noteTakenLocked() REQUIRES(mutex);
   // Moves the whole frames at the start of the front run that fit the free
   // space of `bufferState`, dropping the run once it is empty; the number
   // moved.
@@ -184,6 +192,11 @@ class IpcPackageManager {
   std::condition_variable eventReady;
   // Threads in waitEventReady; an append with none spares the signal.
   size_t waiters GUARDED_BY(mutex) = 0;
+  // Signalled when the queue gets down to drainDepth with drainWaiters in
+  // waitDepthAtMost; drainDepth is the largest depth one of them waits for.
+  std::condition_variable drained;
+  size_t drainWaiters GUARDED_BY(mutex) = 0;
+  size_t drainDepth GUARDED_BY(mutex) = 0;
   // queued, readable without the lock.
   std::atomic<size_t> count{0};
   // A producer has asked the sender for a write that it has not begun yet.

@@ -58,6 +58,12 @@ class UnixIpcManager {
   // Sends answered by EAGAIN before ensureDataSend gives up; the last wait
   // before the final attempt is SEND_RETRY_SLEEP, the others only yield.
   static constexpr int SEND_MAX_EAGAIN_RETRIES = 10;
+  // Buffers a write-ready callback sends beyond the first while the socket
+  // takes them without waiting.
+  static constexpr int SEND_AHEAD_ROUNDS = 1;
+  // What a stream Unix socket's message may hold less than half its send
+  // buffer (the kernel's allowance for its own bookkeeping).
+  static constexpr int UNIX_MESSAGE_OVERHEAD = 64;
   static constexpr std::chrono::seconds SEND_RETRY_SLEEP{1};
 
   // `name` (borrowed, must outlive the manager) names the worker thread and
@@ -130,6 +136,8 @@ class UnixIpcManager {
 
   std::shared_ptr<BufferState> findReadBuffer(int fd) EXCLUDES(bufferMutex);
   void setupConnection(int fd);
+  // Makes fd's write buffer fill one message of its socket at a time.
+  void limitFillsToOneMessage(int fd) EXCLUDES(bufferMutex);
   // Closes a descriptor this manager owns, reporting close()'s result.
   int closeFd(int fd);
   // Stops watching fd, frees its buffers, closes it and tells onClose; false

@@ -95,18 +95,22 @@ inline std::string ThreadStatus(const std::string& name) {
 
 inline bool HasThread(const std::string& name) { return !ThreadStatus(name).empty(); }
 
-// True once this process's thread called name sleeps in epoll_wait (its
-// kernel wait channel, do_epoll_wait), i.e. has finished what it was doing.
-inline bool ThreadIdleInEpoll(const std::string& name) {
+// True while this process's thread called name sleeps in the kernel at a
+// wait channel whose name contains `channel`.
+inline bool ThreadSleepsIn(const std::string& name, const std::string& channel) {
   std::unique_ptr<DIR, int (*)(DIR*)> tasks(opendir("/proc/self/task"), closedir);
   while (dirent* entry = readdir(tasks.get())) {
     const std::string task = std::string("/proc/self/task/") + entry->d_name;
     std::string comm, wchan;
     if (android::base::ReadFileToString(task + "/comm", &comm) && comm == name + "\n") {
-      return android::base::ReadFileToString(task + "/wchan", &wchan) && wchan.find("epoll_wait") != std::string::npos;
+      return android::base::ReadFileToString(task + "/wchan", &wchan) && wchan.find(channel) != std::string::npos;
     }
   }
   return false;
 }
+
+// True once this process's thread called name sleeps in epoll_wait (its
+// kernel wait channel, do_epoll_wait), i.e. has finished what it was doing.
+inline bool ThreadIdleInEpoll(const std::string& name) { return ThreadSleepsIn(name, "epoll_wait"); }
 
 }  // namespace kelo_test

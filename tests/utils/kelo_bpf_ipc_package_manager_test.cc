@@ -1,7 +1,10 @@
 #include "utils/kelo_bpf_ipc_package_manager.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <atomic>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
@@ -11,7 +14,9 @@
 #include "tests/support/emulation.h"
 #include "tests/support/ipc_client.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -307,6 +312,55 @@ TEST_F(IpcPackageManagerTest, PackageWaitsForRoomAndWaitersForPackages) {
   buffer.bufferDataCursor = BUFFER_SIZE - 14;
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
   EXPECT_EQ(ErrorLogCount(7) + ErrorLogCount(8), 0);
+}
+
+// A fill limit (one socket message) bounds how far fills bring the data,
+// in both fill forms; a frame beyond the limit still goes, alone, into an
+// empty buffer, from a run as from a package.
+TEST_F(IpcPackageManagerTest, FillsStopAtTheFillLimitAndABiggerFrameGoesAlone) {
+  buffer.fillLimit = 100;
+  const std::string small(20, 's');
+  const std::string big(150, 'b');
+  for (int n = 0; n < 4; ++n) queue.appendEventToRun(3, small.data(), small.size());
+  queue.buildAndAppendSecondIpcPackage(2, big.data(), big.size());
+  queue.appendEventToRun(3, big.data(), big.size());
+  const std::string smallFrame = Frame(3, small);
+  ASSERT_EQ(smallFrame.size(), 32u);
+
+  const auto drain = [this](bool bulk) {
+    buffer.clear();
+    if (bulk) {
+      EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
+    } else {
+      queue.fillNextIpcPackagesToBuffer(&buffer);
+    }
+    return contents();
+  };
+  EXPECT_EQ(drain(false), smallFrame + smallFrame + smallFrame);
+  EXPECT_EQ(drain(true), smallFrame) << "the package does not go behind data beyond the limit";
+  EXPECT_EQ(drain(true), Frame(2, big));
+  EXPECT_EQ(drain(false), Frame(3, big));
+  EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+  EXPECT_EQ(ErrorLogCount(7) + ErrorLogCount(8), 0);
+}
+
+// A publisher waiting for the sender to bring a queue down is woken when the
+// sender gets there, not when its time runs out.
+TEST_F(IpcPackageManagerTest, ADepthWaiterWakesWhenTheSenderGetsThere) {
+  for (int n = 0; n < 10; ++n) queue.buildAndAppendIpcPackage("0123456789", 10);
+  EXPECT_FALSE(queue.waitDepthAtMost(5, std::chrono::microseconds(1000)));
+  std::atomic<bool> reached{false};
+  const auto start = std::chrono::steady_clock::now();
+  std::thread publisher([this, &reached] {
+    pthread_setname_np(pthread_self(), "DepthWaiter");
+    reached = queue.waitDepthAtMost(5, std::chrono::seconds(60));
+  });
+  ASSERT_TRUE(kelo_test::WaitUntil([] { return kelo_test::ThreadSleepsIn("DepthWaiter", "futex"); }));
+  buffer.bufferDataCursor = BUFFER_SIZE - 5 * 14;  // room for five packages
+  EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 5u);
+  publisher.join();
+  EXPECT_TRUE(reached);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 }
 
 TEST_F(IpcPackageManagerTest, WritingIntoACorruptBufferIsFatal) {
