@@ -73,7 +73,7 @@ inline constexpr size_t PACE_RESUME_DEPTH = IPC_QUEUE_HIGH_WATER * 5 / 10;
 // when the sender does not wake it first.
 inline constexpr std::chrono::milliseconds PACE_STALL_LIMIT{20};
 inline constexpr std::chrono::milliseconds PACE_WAIT_LIMIT{100};
-inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{50};
+inline constexpr std::chrono::microseconds PACE_POLL_INTERVAL{200};
 
 class EventStaging;
 
