@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <thread>
 
 #include "service/kelo_bpf_event_loss.h"
 #include "service/kelo_bpf_event_pacing.h"

@@ -283,11 +283,8 @@ size_t IpcPackageManager::fillFromRunLocked(BufferState* bufferState) {
   const char* run = entry.runData();
   size_t bytes = 0;
   uint32_t frames = 0;
-  uint32_t firstSize = 0;
-  memcpy(&firstSize, run, sizeof(firstSize));
-  // The first frame may need the whole of an empty buffer; the others go
-  // behind it only up to the fill limit.
-  const size_t free = bufferState->fillRoom(IPC_FRAME_HEADER_SIZE + static_cast<size_t>(firstSize));
+  // Room up to the fill limit, as frames of up to a run's size get.
+  const size_t free = bufferState->fillRoom(0);
   if (entry.bytes <= free) {
     // The whole run fits: one copy, without reading its frames' lengths one
     // by one, each from a cache line the publisher's processor wrote.
@@ -302,7 +299,15 @@ size_t IpcPackageManager::fillFromRunLocked(BufferState* bufferState) {
       bytes += frameBytes;
       ++frames;
     }
-    if (frames == 0) return 0;
+    if (frames == 0) {
+      // Only a frame bigger than the fill limit may take more, alone.
+      uint32_t size = 0;
+      memcpy(&size, run, sizeof(size));
+      const size_t frameBytes = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(size);
+      if (bufferState->holdsData() || frameBytes > bufferState->fillRoom(frameBytes)) return 0;
+      bytes = frameBytes;
+      frames = 1;
+    }
   }
   CHECK(bufferState->write(run, bytes));
   consumeRunLocked(&entry, bytes, frames);
