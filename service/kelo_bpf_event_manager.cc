@@ -203,13 +203,14 @@ void EventManager::NotePacingLocked(int fd, size_t depth, std::vector<int>* crow
   }
 }
 
-const std::vector<size_t>& EventManager::StagingTargetsLocked(EventStaging* staging, int type) {
+StagedType& EventManager::StagingTargetsLocked(EventStaging* staging, int type) {
   if (staging->generation_ != generation.load(std::memory_order_relaxed)) {
-    staging->targets_.clear();
+    staging->DropTargets();
     staging->generation_ = generation.load(std::memory_order_relaxed);
   }
-  if (const std::vector<size_t>* cached = staging->CachedTargets(type, staging->generation_)) return *cached;
-  std::vector<size_t> targets;
+  if (StagedType* cached = staging->CachedTargets(type, staging->generation_)) return *cached;
+  StagedType targets;
+  targets.type = type;
   auto subscribers = observersByType.find(type);
   if (subscribers != observersByType.end()) {
     for (int fd : subscribers->second) {
@@ -220,11 +221,13 @@ const std::vector<size_t>& EventManager::StagingTargetsLocked(EventStaging* stag
       const size_t index = staging->EntryOf(fd, connection->serial, connection->queue.getIpcPackageCount());
       StagedFrames& entry = staging->staged_[index];
       entry.paced = pacedConnections.count(fd) != 0 && stalledSenders.count(fd) == 0;
-      targets.push_back(index);
+      targets.entries.push_back(index);
     }
   }
-  staging->targets_.emplace_back(type, std::move(targets));
-  return staging->targets_.back().second;
+  // The pacing of the entries may have changed.
+  staging->pacedHeadroom_ = 0;
+  staging->targets_.push_back(std::move(targets));
+  return staging->targets_.back();
 }
 
 int EventManager::AppendEvent(char* data, unsigned int size) {
@@ -243,20 +246,17 @@ int EventManager::AppendEvent(char* data, unsigned int size) {
   if (staging != nullptr) {
     // The subscribers this thread cached while the registry has not changed
     // since: no lock is taken.
-    const std::vector<size_t>* targets = staging->CachedTargets(type, generation.load(std::memory_order_acquire));
+    StagedType* targets = staging->CachedTargets(type, generation.load(std::memory_order_acquire));
     if (targets == nullptr) {
       MutexLock lock(keloRawEventManagerLock);
       targets = &StagingTargetsLocked(staging, type);
     }
-    if (targets->empty()) return 0;
-    const size_t frame = staging->AddFrame(data, size);
-    const size_t frameBytes = IPC_FRAME_PREFIX_SIZE + size;
-    for (size_t index : *targets) {
-      const uint32_t staged = staging->AddTo(index, frame, frameBytes);
-      const StagedFrames& entry = staging->staged_[index];
-      if (entry.paced && entry.queued + staged >= PACE_START_DEPTH) crowded.push_back(entry.fd);
-    }
+    if (targets->entries.empty()) return 0;
+    EventStaging::AddTo(targets, staging->AddFrame(data, size), IPC_FRAME_PREFIX_SIZE + size);
     ++staging->events_;
+    // Each event adds at most one frame to a connection's: until the
+    // headroom is used up no paced connection can be crowded.
+    if (++staging->sinceLook_ >= staging->pacedHeadroom_) staging->NoteCrowded(&crowded);
   } else {
     MutexLock lock(keloRawEventManagerLock);
     auto subscribers = observersByType.find(type);
@@ -368,31 +368,98 @@ size_t EventStaging::AddFrame(const char* record, uint32_t size) {
   return offset;
 }
 
-uint32_t EventStaging::AddTo(size_t index, size_t offset, size_t bytes) {
-  StagedFrames& entry = staged_[index];
+void EventStaging::AddTo(StagedType* targets, size_t offset, size_t bytes) {
+  std::vector<FrameSlice>& slices = targets->slices;
   // Frames that follow each other in the block form one slice, up to a run.
-  if (entry.slices.empty() || entry.slices.back().offset + entry.slices.back().bytes != offset ||
-      entry.slices.back().bytes + bytes > EVENT_RUN_BYTES) {
-    entry.slices.push_back(FrameSlice{offset, 0, 0});
+  if (slices.empty() || slices.back().offset + slices.back().bytes != offset ||
+      slices.back().bytes + bytes > EVENT_RUN_BYTES) {
+    slices.push_back(FrameSlice{offset, 0, 0});
   }
-  FrameSlice& slice = entry.slices.back();
+  FrameSlice& slice = slices.back();
   slice.bytes += bytes;
   ++slice.frames;
-  entry.bytes += bytes;
-  return ++entry.count;
+  ++targets->count;
+  targets->bytes += bytes;
 }
 
-const std::vector<size_t>* EventStaging::CachedTargets(int type, uint64_t generation) const {
+StagedType* EventStaging::CachedTargets(int type, uint64_t generation) {
   if (generation != generation_) return nullptr;
-  for (const auto& [cached, targets] : targets_) {
-    if (cached == type) return &targets;
+  for (StagedType& targets : targets_) {
+    if (targets.type == type) return &targets;
   }
   return nullptr;
+}
+
+void EventStaging::Distribute() {
+  typesTaken_.assign(staged_.size(), 0);
+  firstNew_.resize(staged_.size());
+  bool any = false;
+  for (StagedType& targets : targets_) {
+    if (targets.count == 0) continue;
+    any = true;
+    for (size_t index : targets.entries) {
+      StagedFrames& entry = staged_[index];
+      if (typesTaken_[index]++ == 0) firstNew_[index] = entry.slices.size();
+      entry.slices.insert(entry.slices.end(), targets.slices.begin(), targets.slices.end());
+      entry.count += targets.count;
+      entry.bytes += targets.bytes;
+    }
+    targets.slices.clear();
+    targets.count = 0;
+    targets.bytes = 0;
+  }
+  if (!any) return;
+  for (size_t index = 0; index < staged_.size(); ++index) {
+    if (typesTaken_[index] == 0) continue;
+    std::vector<FrameSlice>& slices = staged_[index].slices;
+    // Everything handed on before lies before this distribution's frames
+    // in the block; frames of several types go back into block order.
+    const auto first = slices.begin() + static_cast<std::ptrdiff_t>(firstNew_[index]);
+    if (typesTaken_[index] > 1) {
+      std::sort(first, slices.end(), [](const FrameSlice& a, const FrameSlice& b) { return a.offset < b.offset; });
+    }
+    // Neighbours in the block join up to a run.
+    size_t kept = firstNew_[index] == 0 ? 1 : firstNew_[index];
+    for (size_t i = kept; i < slices.size(); ++i) {
+      FrameSlice& last = slices[kept - 1];
+      if (last.offset + last.bytes == slices[i].offset && last.bytes + slices[i].bytes <= EVENT_RUN_BYTES) {
+        last.bytes += slices[i].bytes;
+        last.frames += slices[i].frames;
+      } else {
+        slices[kept++] = slices[i];
+      }
+    }
+    slices.resize(kept);
+  }
+}
+
+void EventStaging::NoteCrowded(std::vector<int>* crowded) {
+  Distribute();
+  size_t headroom = SIZE_MAX;
+  for (const StagedFrames& entry : staged_) {
+    if (!entry.paced) continue;
+    const size_t depth = entry.queued + entry.count;
+    if (depth >= PACE_START_DEPTH) {
+      crowded->push_back(entry.fd);
+    } else {
+      headroom = std::min(headroom, PACE_START_DEPTH - depth);
+    }
+  }
+  sinceLook_ = 0;
+  pacedHeadroom_ = headroom;
+}
+
+void EventStaging::DropTargets() {
+  Distribute();
+  targets_.clear();
 }
 
 void EventStaging::Flush() {
   events_ = 0;
   if (staged_.empty()) return;
+  Distribute();
+  // The queues' depths change.
+  pacedHeadroom_ = 0;
   const size_t entries = staged_.size();
   // A block that no queue took is used again; one that a queue took is
   // never written again.

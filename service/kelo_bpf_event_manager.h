@@ -61,6 +61,17 @@ struct StagedFrames {
   bool paced = false;
 };
 
+// What a publisher with an EventStaging keeps of one event type: its
+// subscribers (indexes of their StagedFrames, in subscription order) and the
+// slices of its frames not yet handed to them.
+struct StagedType {
+  int type = 0;
+  std::vector<size_t> entries;
+  std::vector<FrameSlice> slices;
+  uint32_t count = 0;
+  size_t bytes = 0;
+};
+
 // Package type under which events travel to clients, the record as payload.
 inline constexpr uint32_t IPC_PACKAGE_TYPE_EVENT = 3;
 
@@ -178,7 +189,7 @@ class EventManager {
   // subscribed to `type`, in subscription order, with the entries' depth
   // and pacing brought up to date; cached until the next change of
   // connections, subscriptions or pacing, or a flush that drops entries.
-  const std::vector<size_t>& StagingTargetsLocked(EventStaging* staging, int type) REQUIRES(keloRawEventManagerLock);
+  StagedType& StagingTargetsLocked(EventStaging* staging, int type) REQUIRES(keloRawEventManagerLock);
   // Notes that a publisher's queue for fd is `depth` packages deep: adds fd
   // to `crowded` when the publisher is to wait for its sender.
   void NotePacingLocked(int fd, size_t depth, std::vector<int>* crowded) REQUIRES(keloRawEventManagerLock);
@@ -212,15 +223,16 @@ class EventManager {
 
 // While one lives on a thread, the AppendEvent calls of that thread stage
 // their events instead of queueing them: each event is framed once into the
-// publisher's frame block, and each subscribed connection notes which
-// frames are its. At Flush, which a ring-buffer pump calls after every poll,
-// and on its own every WAKE_BATCH_EVENTS events and before the publisher
-// waits for a crowded sender, every connection's queue takes its slices of
-// the block in one append and its sender is woken once. A burst of records
+// publisher's frame block and noted once, for its type. At Flush, which a
+// ring-buffer pump calls after every poll, and on its own every
+// WAKE_BATCH_EVENTS events and before the publisher waits for a crowded
+// sender, each subscribed connection gets the slices of the block of its
+// types, in the order the events came, every connection's queue takes its
+// slices in one append and its sender is woken once. A burst of records
 // then costs each connection one queue append and one wake-up per batch
-// instead of one per record, the frames are built once however many
-// connections take them, and the sender fills its buffer with many records
-// per send. Not shared between threads; at most one per thread.
+// instead of one per record, and each event is framed and noted once
+// however many connections take it. Not shared between threads; at most one
+// per thread.
 class EventStaging {
  public:
   static constexpr int WAKE_BATCH_EVENTS = 256;
@@ -248,21 +260,38 @@ class EventStaging {
   size_t EntryOf(int fd, uint64_t serial, size_t queued);
   // Frames one event into the block; where its frame starts.
   size_t AddFrame(const char* record, uint32_t size);
-  // Stages the frame of `bytes` bytes at `offset` for entry `index`; the
-  // number of frames now staged for it.
-  uint32_t AddTo(size_t index, size_t offset, size_t bytes);
-  // The cached entries of type's subscribers while the registry is still at
+  // Stages the frame of `bytes` bytes at `offset` for the subscribers of
+  // `targets`' type.
+  static void AddTo(StagedType* targets, size_t offset, size_t bytes);
+  // The cached subscribers of `type` while the registry is still at
   // `generation`, or null.
-  const std::vector<size_t>* CachedTargets(int type, uint64_t generation) const;
+  StagedType* CachedTargets(int type, uint64_t generation);
+  // Hands every type's staged frames to the entries of its subscribers, in
+  // block order.
+  void Distribute();
+  // Adds the paced connections whose queue and staged frames now reach
+  // PACE_START_DEPTH to `crowded`, and notes how many events may come
+  // before one can.
+  void NoteCrowded(std::vector<int>* crowded);
+  // Forgets the cached subscribers, handing their frames on first.
+  void DropTargets();
 
   // Frames of the events since the last flush, each once.
   std::shared_ptr<std::string> block_;
   // One entry per connection published to; emptied, not removed, by a flush.
   std::vector<StagedFrames> staged_;
-  // Staged entries of each type's subscribers, valid for generation_.
-  std::vector<std::pair<int, std::vector<size_t>>> targets_;
+  // Each published type's subscribers, valid for generation_.
+  std::vector<StagedType> targets_;
   uint64_t generation_ = 0;
   int events_ = 0;
+  // Events staged since NoteCrowded last looked, and how many may be before
+  // a paced connection can be crowded (0: look at the next event).
+  size_t sinceLook_ = 0;
+  size_t pacedHeadroom_ = 0;
+  // Distribute's scratch: per entry, the types it took frames of and where
+  // its slices of this distribution begin.
+  std::vector<uint32_t> typesTaken_;
+  std::vector<size_t> firstNew_;
 };
 
 }  // namespace Bpf
