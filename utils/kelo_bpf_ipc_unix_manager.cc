@@ -271,12 +271,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
 
 int UnixIpcManager::onCommWriteCallback(epoll_event event) {
   const int fd = event.data.fd;
-  std::shared_ptr<WriteChannel> channel;
-  {
-    MutexLock lock(bufferMutex);
-    auto it = writeBuffers.find(fd);
-    if (it != writeBuffers.end()) channel = it->second;
-  }
+  const std::shared_ptr<WriteChannel> channel = findWriteChannel(fd);
   if (!channel) {
     KELO_LOGE(name, "[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
     return -1;
@@ -406,6 +401,12 @@ std::shared_ptr<BufferState> UnixIpcManager::findReadBuffer(int fd) {
   return it == readBuffers.end() ? nullptr : it->second;
 }
 
+std::shared_ptr<UnixIpcManager::WriteChannel> UnixIpcManager::findWriteChannel(int fd) {
+  MutexLock lock(bufferMutex);
+  auto it = writeBuffers.find(fd);
+  return it == writeBuffers.end() ? nullptr : it->second;
+}
+
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
   auto readBuffer = std::make_shared<BufferState>();
   readBuffer->allocate(static_cast<size_t>(bufferSize));
@@ -425,12 +426,7 @@ void UnixIpcManager::limitFillsToOneMessage(int fd) {
   if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length) != 0 || sendBuffer / 2 <= UNIX_MESSAGE_OVERHEAD) {
     return;
   }
-  std::shared_ptr<WriteChannel> channel;
-  {
-    MutexLock lock(bufferMutex);
-    auto it = writeBuffers.find(fd);
-    if (it != writeBuffers.end()) channel = it->second;
-  }
+  const std::shared_ptr<WriteChannel> channel = findWriteChannel(fd);
   if (!channel) return;
   MutexLock writeLock(channel->writeLock);
   channel->buffer.fillLimit = static_cast<size_t>(sendBuffer / 2 - UNIX_MESSAGE_OVERHEAD);

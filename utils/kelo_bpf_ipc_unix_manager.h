@@ -135,6 +135,7 @@ class UnixIpcManager {
   };
 
   std::shared_ptr<BufferState> findReadBuffer(int fd) EXCLUDES(bufferMutex);
+  std::shared_ptr<WriteChannel> findWriteChannel(int fd) EXCLUDES(bufferMutex);
   void setupConnection(int fd);
   // Makes fd's write buffer fill one message of its socket at a time.
   void limitFillsToOneMessage(int fd) EXCLUDES(bufferMutex);
